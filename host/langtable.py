@@ -1,0 +1,48 @@
+"""Stand-in for the host's table of source-file extensions.
+
+Maps a lower-case extension (with its dot) to the grammar name the tree-sitter language pack
+accepts. "c", "cpp", "java" and "python" also select the semantic analysers.
+"""
+
+EXTENSION_TO_LANGUAGE = {
+    ".py": "python",
+    ".pyi": "python",
+    ".c": "c",
+    ".h": "c",
+    ".cc": "cpp",
+    ".cpp": "cpp",
+    ".cxx": "cpp",
+    ".c++": "cpp",
+    ".cp": "cpp",
+    ".hh": "cpp",
+    ".hpp": "cpp",
+    ".hxx": "cpp",
+    ".java": "java",
+    ".js": "javascript",
+    ".mjs": "javascript",
+    ".cjs": "javascript",
+    ".jsx": "javascript",
+    ".ts": "typescript",
+    ".tsx": "tsx",
+    ".css": "css",
+    ".scss": "scss",
+    ".html": "html",
+    ".htm": "html",
+    ".json": "json",
+    ".yaml": "yaml",
+    ".yml": "yaml",
+    ".toml": "toml",
+    ".rs": "rust",
+    ".go": "go",
+    ".rb": "ruby",
+    ".php": "php",
+    ".cs": "csharp",
+    ".kt": "kotlin",
+    ".swift": "swift",
+    ".scala": "scala",
+    ".lua": "lua",
+    ".sh": "bash",
+    ".bash": "bash",
+    ".sql": "sql",
+    ".md": "markdown",
+}

@@ -1,0 +1,74 @@
+#include <Python.h>
+
+#include <string>
+
+#include "editor/args.hpp"
+#include "editor/error.hpp"
+
+namespace editor::detail {
+namespace {
+
+[[noreturn]] void too_many_positional(const char* function, std::size_t count, std::size_t required,
+                                      Py_ssize_t given) {
+    const char* verb = given == 1 ? "was" : "were";
+    if (required == count) {
+        PyErr_Format(PyExc_TypeError, "%s() takes %zu positional argument%s but %zd %s given", function,
+                     count, count == 1 ? "" : "s", given, verb);
+    } else {
+        PyErr_Format(PyExc_TypeError, "%s() takes from %zu to %zu positional arguments but %zd %s given",
+                     function, required, count, given, verb);
+    }
+    throw PyError::fetch();
+}
+
+// "'a'", "'a' and 'b'", "'a', 'b', and 'c'": the listing a Python def uses.
+[[noreturn]] void missing(const char* function, const char* const* params, std::size_t required,
+                          PyObject** out) {
+    std::size_t total = 0;
+    for (std::size_t i = 0; i < required; ++i) total += out[i] == nullptr;
+    std::string names;
+    std::size_t listed = 0;
+    for (std::size_t i = 0; i < required; ++i) {
+        if (out[i] != nullptr) continue;
+        if (listed > 0) names += total == 2 ? " and " : (listed + 1 == total ? ", and " : ", ");
+        names += '\'';
+        names += params[i];
+        names += '\'';
+        ++listed;
+    }
+    PyErr_Format(PyExc_TypeError, "%s() missing %zu required positional argument%s: %s", function, total,
+                 total == 1 ? "" : "s", names.c_str());
+    throw PyError::fetch();
+}
+
+}  // namespace
+
+void bind(const char* function, const char* const* params, std::size_t count, std::size_t required,
+          const Args& args, PyObject** out) {
+    const Py_ssize_t given = PyVectorcall_NARGS(args.nargsf);
+    if (given > static_cast<Py_ssize_t>(count)) too_many_positional(function, count, required, given);
+    for (Py_ssize_t i = 0; i < given; ++i) out[i] = args.args[i];
+
+    const Py_ssize_t keywords = args.kwnames ? PyTuple_GET_SIZE(args.kwnames) : 0;
+    for (Py_ssize_t k = 0; k < keywords; ++k) {
+        PyObject* name = PyTuple_GET_ITEM(args.kwnames, k);
+        std::size_t index = 0;
+        while (index < count && !PyUnicode_EqualToUTF8(name, params[index])) ++index;
+        if (index == count) {
+            PyErr_Format(PyExc_TypeError, "%s() got an unexpected keyword argument '%U'", function, name);
+            throw PyError::fetch();
+        }
+        if (out[index] != nullptr) {
+            PyErr_Format(PyExc_TypeError, "%s() got multiple values for argument '%s'", function,
+                         params[index]);
+            throw PyError::fetch();
+        }
+        out[index] = args.args[given + k];
+    }
+
+    for (std::size_t i = 0; i < required; ++i) {
+        if (out[i] == nullptr) missing(function, params, required, out);
+    }
+}
+
+}  // namespace editor::detail

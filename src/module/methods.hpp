@@ -1,0 +1,11 @@
+// The method definitions of every exported function, one glue file per subsystem
+// (`<subsystem>_methods.cpp`), referenced by the namespace table.
+#pragma once
+#include <Python.h>
+
+namespace editor::methods {
+
+extern PyMethodDef within_root;
+extern PyMethodDef resolve_target;
+
+}  // namespace editor::methods

@@ -1,0 +1,91 @@
+// The module body: binds every name of the namespace, in the order the host sees them.
+#include <Python.h>
+
+#include "editor/boundary.hpp"
+#include "editor/host.hpp"
+#include "module/constants.hpp"
+#include "module/methods.hpp"
+#include "module/namespace.hpp"
+
+namespace editor::module {
+namespace {
+
+enum class Kind { import, import_from, value, function, deep_function };
+
+struct Binding {
+    Kind kind;
+    const char* name;              // bound name (for functions: taken from `def`)
+    const char* from = nullptr;    // import_from: the module holding `name`
+    Ref (*make)(PyObject* module) = nullptr;  // value
+    PyMethodDef* def = nullptr;    // function, deep_function
+};
+
+constexpr Binding import(const char* name) { return {Kind::import, name}; }
+constexpr Binding import_from(const char* from, const char* name) { return {Kind::import_from, name, from}; }
+constexpr Binding value(const char* name, Ref (*make)(PyObject*)) { return {Kind::value, name, nullptr, make}; }
+Binding function(PyMethodDef& def) { return {Kind::function, def.ml_name, nullptr, nullptr, &def}; }
+
+const Binding namespace_table[] = {
+    import("difflib"),
+    import("json"),
+    import("os"),
+    import("re"),
+    import("shutil"),
+    import("subprocess"),
+    import("tempfile"),
+    import("time"),
+    import_from("pathlib", "Path"),
+    import("projstore"),
+    import_from("deeprun", "run_deep"),
+    value("LEDGER_NAME", ledger_name),
+    function(methods::within_root),
+    function(methods::resolve_target),
+};
+
+// `from <from> import <name>`, with the ImportError text and attributes the host's own
+// statement gives when the attribute is missing.
+Ref import_name(const char* from, const char* name) {
+    Ref module = check(PyImport_ImportModule(from));
+    Ref value;
+    if (check_bool(PyObject_GetOptionalAttrString(module.get(), name, value.out()))) return value;
+    Ref file;
+    (void)check_bool(PyObject_GetOptionalAttrString(module.get(), "__file__", file.out()));
+    Ref module_name = str(from);
+    Ref message = file ? check(PyUnicode_FromFormat("cannot import name '%s' from '%s' (%S)", name, from, file.get()))
+                       : check(PyUnicode_FromFormat("cannot import name '%s' from '%s' (unknown location)", name, from));
+    PyErr_SetImportError(message.get(), module_name.get(), file.get());
+    throw PyError::fetch();
+}
+
+Ref make_function(PyObject* module, PyMethodDef& def) {
+    Ref module_name = check(PyModule_GetNameObject(module));
+    return check(PyCFunction_NewEx(&def, module, module_name.get()));
+}
+
+Ref make(PyObject* module, const Binding& binding) {
+    switch (binding.kind) {
+        case Kind::import: return check(PyImport_ImportModule(binding.name));
+        case Kind::import_from: return import_name(binding.from, binding.name);
+        case Kind::value: return binding.make(module);
+        case Kind::function: return make_function(module, *binding.def);
+        case Kind::deep_function: {
+            // The host decides how the work gets its large stack; we bind whatever it returns.
+            Ref function = make_function(module, *binding.def);
+            Ref run_deep = ns(module, "run_deep");
+            return call(run_deep.get(), function.get());
+        }
+    }
+    raise(PyExc_SystemError, "unknown namespace binding kind");
+}
+
+void bind_namespace(PyObject* module) {
+    for (const Binding& binding : namespace_table) {
+        check(PyModule_Add(module, binding.name, make(module, binding).release()));
+    }
+}
+
+}  // namespace
+
+int exec(PyObject* module) noexcept { return exec_entry<bind_namespace>(module); }
+
+}  // namespace editor::module

@@ -1,0 +1,15 @@
+// Confinement of writes to the project root, and resolution of model-written paths.
+#pragma once
+#include <Python.h>
+
+#include "editor/ref.hpp"
+
+namespace editor::paths {
+
+// True when `path` is the root itself or lies below it, symbolic links resolved.
+bool within_root(PyObject* module, PyObject* root, PyObject* path);
+
+// An absolute path (str) for a model-supplied path, or a refusal dict.
+Ref resolve_target(PyObject* module, PyObject* root, PyObject* path_str, PyObject* known_paths);
+
+}  // namespace editor::paths
