@@ -1,0 +1,62 @@
+"""Shared timing helpers for the benchmarks.
+
+Each benchmark measures an operation beside its floor (the work the operation cannot avoid,
+timed in the same run on the same input) and reports the ratio, so a number means the same on
+a slow machine as on a fast one. Rows are printed as a table and kept in `ROWS` so a driver can
+collect every benchmark's rows into one report.
+"""
+
+import statistics
+import sys
+import time
+import tracemalloc
+from pathlib import Path
+
+ROOT = Path(__file__).resolve().parent.parent
+for entry in (ROOT / "host", ROOT / "build"):
+    if str(entry) not in sys.path:
+        sys.path.insert(0, str(entry))
+
+ROWS = []
+
+
+def median_time(fn, repeat=7, warmup=1):
+    """Median wall time of `fn()` in seconds over `repeat` runs after `warmup` runs."""
+    for _ in range(warmup):
+        fn()
+    times = []
+    for _ in range(repeat):
+        start = time.perf_counter()
+        fn()
+        times.append(time.perf_counter() - start)
+    return statistics.median(times)
+
+
+def peak_memory(fn):
+    """Peak bytes allocated through the Python allocators while `fn()` runs."""
+    tracemalloc.start()
+    try:
+        tracemalloc.reset_peak()
+        fn()
+        return tracemalloc.get_traced_memory()[1]
+    finally:
+        tracemalloc.stop()
+
+
+def row(operation, size, median, floor, peak=None):
+    """Records and prints one result line: operation, input size, median, floor, ratio, peak."""
+    entry = {
+        "operation": operation,
+        "size": size,
+        "median_ms": median * 1e3,
+        "floor_ms": floor * 1e3 if floor else None,
+        "ratio": median / floor if floor else None,
+        "peak_bytes": peak,
+    }
+    ROWS.append(entry)
+    ratio = f"{entry['ratio']:.2f}x" if entry["ratio"] is not None else "-"
+    floor_text = f"{entry['floor_ms']:.3f}" if floor else "-"
+    peak_text = f"{peak / 2**20:.1f} MiB" if peak is not None else "-"
+    print(f"{operation:<40} {size:>14} {entry['median_ms']:>10.3f} ms  floor {floor_text:>10} ms"
+          f"  {ratio:>7}  {peak_text}")
+    return entry
