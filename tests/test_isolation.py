@@ -12,6 +12,7 @@ import pytest
 import editor
 
 ROOT = Path(__file__).resolve().parent.parent
+BUILD = Path(editor.__file__).parent
 
 
 def run_python(code, *path_entries):
@@ -46,7 +47,7 @@ IMPORT_TWICE = """
 def test_failed_import_leaves_no_module_and_a_later_import_succeeds(tmp_path, stand_ins, expected):
     for name, text in stand_ins.items():
         (tmp_path / name).write_text(text)
-    result = run_python(IMPORT_TWICE.format(host=str(ROOT / "host")), ROOT / "build", tmp_path)
+    result = run_python(IMPORT_TWICE.format(host=str(ROOT / "host")), BUILD, tmp_path)
     lines = result.stdout.splitlines()
     assert result.returncode == 0, result.stderr
     assert lines[0].startswith(expected)
@@ -84,6 +85,6 @@ SUBINTERPRETER = """
 
 
 def test_import_in_an_isolated_subinterpreter():
-    result = run_python(SUBINTERPRETER, ROOT / "host", ROOT / "build")
+    result = run_python(SUBINTERPRETER, ROOT / "host", BUILD)
     assert result.returncode == 0, result.stderr
     assert result.stdout.strip() == "/proj/x/a.py"
