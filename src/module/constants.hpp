@@ -8,4 +8,8 @@ namespace editor::module {
 
 Ref ledger_name(PyObject* module);
 
+// Region kind -> grammar name, and web file extension -> grammar name.
+Ref web_kind_lang(PyObject* module);
+Ref web_ext_lang(PyObject* module);
+
 }  // namespace editor::module

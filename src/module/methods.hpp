@@ -7,5 +7,12 @@ namespace editor::methods {
 
 extern PyMethodDef within_root;
 extern PyMethodDef resolve_target;
+extern PyMethodDef first_error_node;
+extern PyMethodDef all_error_nodes;
+extern PyMethodDef treesitter_error;
+extern PyMethodDef treesitter_error_counts;
+extern PyMethodDef native_language;
+extern PyMethodDef web_error_counts;
+extern PyMethodDef syntax_check;
 
 }  // namespace editor::methods

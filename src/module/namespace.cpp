@@ -24,6 +24,7 @@ constexpr Binding import(const char* name) { return {Kind::import, name}; }
 constexpr Binding import_from(const char* from, const char* name) { return {Kind::import_from, name, from}; }
 constexpr Binding value(const char* name, Ref (*make)(PyObject*)) { return {Kind::value, name, nullptr, make}; }
 Binding function(PyMethodDef& def) { return {Kind::function, def.ml_name, nullptr, nullptr, &def}; }
+Binding deep_function(PyMethodDef& def) { return {Kind::deep_function, def.ml_name, nullptr, nullptr, &def}; }
 
 const Binding namespace_table[] = {
     import("difflib"),
@@ -40,6 +41,15 @@ const Binding namespace_table[] = {
     value("LEDGER_NAME", ledger_name),
     function(methods::within_root),
     function(methods::resolve_target),
+    function(methods::first_error_node),
+    function(methods::all_error_nodes),
+    function(methods::treesitter_error),
+    function(methods::treesitter_error_counts),
+    value("_WEB_KIND_LANG", web_kind_lang),
+    value("_WEB_EXT_LANG", web_ext_lang),
+    function(methods::native_language),
+    function(methods::web_error_counts),
+    deep_function(methods::syntax_check),
 };
 
 // `from <from> import <name>`, with the ImportError text and attributes the host's own
