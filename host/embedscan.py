@@ -47,6 +47,13 @@ _TEMPLATE_TEXT = {
     "'''": re.compile(r"[^{}\\']*"),
     '"""': re.compile(r'[^{}\\"]*'),
 }
+# The common one-line template whose fields hold no quote, brace, backslash or comment, taken
+# whole by one match; anything else goes through the frame-by-frame scan.
+_SIMPLE_TEMPLATE = {
+    "'": re.compile(r"[^'\\{}\n]*+(?:\{[^'\"{}\\\n#]*+\}[^'\\{}\n]*+)*+'"),
+    '"': re.compile(r'[^"\\{}\n]*+(?:\{[^\'"{}\\\n#]*+\}[^"\\{}\n]*+)*+"'),
+}
+_SIMPLE_FIELD = re.compile(r"\{[^}]*\}")
 _FIELD_CODE = re.compile(r"[^'\"#()\[\]{}:]*")
 _FORMAT_SPEC = re.compile(r"[^{}\\'\"\n]*")
 
@@ -107,9 +114,10 @@ def _literals(text):
     A one-quote literal left open ends at its line, as the tokenizer gives up there; a
     triple-quoted one left open ends the scan.
     """
+    search = _START.search
     pos = 0
     while True:
-        found = _START.search(text, pos)
+        found = search(text, pos)
         if found is None:
             return
         at = found.start()
@@ -119,11 +127,19 @@ def _literals(text):
             if pos < 0:
                 return
             continue
-        start = _prefix_start(text, at)
-        prefix = text[start:at].lower()
+        if at and text[at - 1] in _PREFIX_CHARS:
+            start = _prefix_start(text, at)
+            prefix = text[start:at].lower()
+        else:
+            start, prefix = at, ""
         quote = char * 3 if text.startswith(char * 3, at) else char
         opened = at + len(quote)
         if "f" in prefix or "t" in prefix:
+            simple = _SIMPLE_TEMPLATE[quote].match(text, opened) if len(quote) == 1 else None
+            if simple is not None:
+                pos = simple.end()
+                yield start, pos, prefix, _SIMPLE_FIELD.sub("_", text[opened:pos - 1])
+                continue
             scanned = _scan_template(text, opened, quote, "r" in prefix)
             if scanned is not None:
                 pos, body = scanned

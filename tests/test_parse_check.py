@@ -76,7 +76,7 @@ def test_other_compile_failures_propagate(write, monkeypatch):
         editor.syntax_check(write("m.py", "x = 1\n"))
 
 
-C_BEFORE = "#define DECL(x) int x\nDECL(a) b;\nint f(void) {\n  return 1;\n}\n"
+C_BEFORE = "void f() { EXPAND(a b c) }\nint g(void) {\n  return 1;\n}\n"
 
 
 @pytest.mark.parametrize(
@@ -147,12 +147,14 @@ def test_runs_on_the_deep_stack_and_reaches_operations_through_the_module(write,
     seen = []
 
     def native_language(ext):
-        seen.append((ext, threading.current_thread().name))
+        # A check made from inside a check runs in place on the deep stack.
+        seen.append((ext, threading.current_thread().name, editor.syntax_check(python)))
         return "c"
 
+    python = write("m.py", "x = (\n")
     monkeypatch.setattr(editor, "_native_language", native_language)
     assert editor.syntax_check(write("m.weird", "int x = ;"), before_text=None) == f"c {MISSING} (line 1)"
-    assert seen == [(".weird", "deeprun")]
+    assert seen == [(".weird", "deeprun", "SyntaxError: '(' was never closed (line 1)")]
     assert editor.syntax_check.__wrapped__.__name__ == "syntax_check"
 
 
