@@ -77,8 +77,8 @@ namespace editor {
 
 void require_str(const char* function, const char* param, PyObject* value, bool none_allowed) {
     if (PyUnicode_Check(value) || (none_allowed && value == Py_None)) return;
-    PyErr_Format(PyExc_TypeError, "%s() argument '%s' must be str%s, not %T", function, param,
-                 none_allowed ? " or None" : "", value);
+    PyErr_Format(PyExc_TypeError, "%s() argument '%s' must be str%s, not %s", function, param,
+                 none_allowed ? " or None" : "", value == Py_None ? "None" : Py_TYPE(value)->tp_name);
     throw PyError::fetch();
 }
 
