@@ -75,6 +75,9 @@ def test_edits_of_a_three_line_file(project, checker, args, kwargs, after, repla
         ("a\nb", (2, None, ""), {"mode": "insert_after"}, "a\nb", []),
         ("a\u2028", (1, None, "X"), {"mode": "insert_after"}, "a\u2028X\n", []),
         ("a\nb", (None, None, "X"), {"anchor": "b", "mode": "insert_after"}, "a\nb\nX\n", []),
+        # Anchors are counted without overlaps, as str.count counts.
+        ("aaa\nb\n", (None, None, "X"), {"anchor": "aa"}, "X\nb\n", ["aaa"]),
+        ("x€😀\ny😀\n", (None, None, "Z"), {"anchor": "😀\ny"}, "Z\n", ["x€😀", "y😀"]),
         ("", (1, None, "X"), {"mode": "insert_before"}, "X\n", []),
         ("", (1, None, ""), {"mode": "insert_before"}, "", []),
     ],

@@ -11,7 +11,8 @@ import editor
 
 # Line ends of every kind the host's line split knows, and none at all for a last line.
 BREAKS = ["\n", "\r\n", "\r", "\x0b", "\x0c", "\x1c", "\x1d", "\x1e", "\x85", "\u2028", "\u2029"]
-WORDS = st.text(alphabet="ab é\t€😀", max_size=4)
+# Long enough runs of plain characters to reach the scanner's word-at-a-time path.
+WORDS = st.text(alphabet="ab é\t€😀", max_size=24)
 MODES = ["replace", "insert_before", "insert_after"]
 
 
@@ -69,10 +70,8 @@ def edits(draw):
     return raw, start, end, draw(documents()), draw(st.sampled_from(MODES)), draw(anchor)
 
 
-@settings(max_examples=400, deadline=None)
-@given(edits())
-def test_edit_matches_the_slicing_model(case):
-    raw, start, end, content, mode, anchor = case
+def run_edit(raw, start, end, content, mode, anchor):
+    """Applies the edit to a fresh file holding `raw` and compares it with the model."""
     with tempfile.TemporaryDirectory() as root, pytest.MonkeyPatch.context() as patch:
         patch.setattr(editor, "syntax_check", lambda path, before_text=None: "ok", raising=False)
         path = os.path.join(root, "f.txt")
@@ -87,3 +86,27 @@ def test_edit_matches_the_slicing_model(case):
         assert receipt == {"error": expected} and written == raw.encode()
     else:
         assert receipt == expected and written == expected_text.encode()
+
+
+@settings(max_examples=400, deadline=None)
+@given(edits())
+def test_edit_matches_the_slicing_model(case):
+    run_edit(*case)
+
+
+LARGE = "".join(f"line {i} é😀 {'x' * (i % 37)}{BREAKS[i % len(BREAKS)]}" for i in range(4000))
+
+
+@pytest.mark.parametrize(
+    ("start", "end", "mode", "anchor"),
+    [
+        (3999, 4000, "replace", None),
+        (3001, None, "insert_after", None),
+        (None, None, "replace", "line 3210 é😀"),
+        (None, None, "insert_after", "x\u2029line 3795 "),
+        (None, None, "replace", "line 3"),
+        (4001, None, "insert_before", None),
+    ],
+)
+def test_large_file_matches_the_model(start, end, mode, anchor):
+    run_edit(LARGE, start, end, "new\n", mode, anchor)

@@ -2,6 +2,7 @@
 
 #include <array>
 #include <climits>
+#include <cstring>
 #include <optional>
 #include <string_view>
 #include <utility>
@@ -57,24 +58,38 @@ struct AnchorLines {
     Py_ssize_t last = 0;
 };
 
-AnchorLines anchor_lines(PyObject* text, PyObject* anchor) {
-    const Py_ssize_t occurrences = check_value(PyUnicode_Count(text, anchor, 0, PY_SSIZE_T_MAX));
-    if (occurrences == 0) {
-        return {refusal("anchor not found in the file's current text -- re-read the region (it may have "
-                        "changed) or address by line number")};
+Ref anchor_not_found() {
+    return refusal("anchor not found in the file's current text -- re-read the region (it may have changed) "
+                   "or address by line number");
+}
+
+// The search runs on the UTF-8 bytes: valid UTF-8 is self-synchronising, so a byte match of a
+// whole encoded anchor starts and ends on character boundaries, and the leftmost byte match and
+// the next one after it are exactly the matches str.find and str.count see.
+AnchorLines anchor_lines(PyObject* text, std::string_view utf8, PyObject* anchor) {
+    Py_ssize_t size = 0;
+    const char* data = PyUnicode_AsUTF8AndSize(anchor, &size);
+    if (data == nullptr) {
+        if (!PyErr_ExceptionMatches(PyExc_UnicodeEncodeError)) throw PyError::fetch();
+        // Lone surrogates: the text was decoded strictly and holds none, so the anchor cannot occur.
+        PyErr_Clear();
+        return {anchor_not_found()};
     }
-    if (occurrences > 1) {
+    const std::string_view needle(data, static_cast<std::size_t>(size));
+    const auto* found = static_cast<const char*>(memmem(utf8.data(), utf8.size(), needle.data(), needle.size()));
+    if (found == nullptr) return {anchor_not_found()};
+    const std::string_view rest = utf8.substr(static_cast<std::size_t>(found - utf8.data()) + needle.size());
+    if (memmem(rest.data(), rest.size(), needle.data(), needle.size()) != nullptr) {
+        const Py_ssize_t occurrences = check_value(PyUnicode_Count(text, anchor, 0, PY_SSIZE_T_MAX));
         return {refusal(check(PyUnicode_FromFormat(
             "anchor occurs %zd times -- include more surrounding text so it matches exactly once", occurrences)))};
     }
-    const Py_ssize_t at = check_find(PyUnicode_Find(text, anchor, 0, PY_SSIZE_T_MAX, 1));
-    Ref newline = str("\n");
-    const Py_ssize_t first = check_value(PyUnicode_Count(text, newline.get(), 0, at)) + 1;
-    Py_ssize_t breaks = check_value(PyUnicode_Count(anchor, newline.get(), 0, PY_SSIZE_T_MAX));
+    const Py_ssize_t first = count_newlines(utf8.substr(0, static_cast<std::size_t>(found - utf8.data()))) + 1;
+    Py_ssize_t breaks = count_newlines(needle);
     // A final "\n" ends the anchor's last line; it does not reach into the next one. Counting it
     // would make "replace" remove one line more than the anchor shows and refuse an anchor that
     // ends at the end of the file, so an anchor addresses exactly the lines its text covers.
-    if (check_value(PyUnicode_Tailmatch(anchor, newline.get(), 0, PY_SSIZE_T_MAX, 1)) == 1) --breaks;
+    if (needle.back() == '\n') --breaks;
     return {Ref(), first, first + breaks};
 }
 
@@ -115,11 +130,12 @@ Ref apply_block(PyObject* module, const BlockEdit& edit) {
             "unknown mode '%S' (replace | insert_before | insert_after)", edit.mode)));
     }
     Ref text = read_text(module, edit.abs_path);
+    const std::string_view utf8 = utf8_of(text.get());
 
     Ref start_given = Ref::borrow(edit.start_line);
     Ref end_given = Ref::borrow(edit.end_line);
     if (edit.anchor != Py_None && PyUnicode_GET_LENGTH(edit.anchor) > 0) {
-        AnchorLines anchored = anchor_lines(text.get(), edit.anchor);
+        AnchorLines anchored = anchor_lines(text.get(), utf8, edit.anchor);
         if (anchored.refusal) return std::move(anchored.refusal);
         const Py_ssize_t start = *mode == Mode::insert_after ? anchored.last : anchored.first;
         start_given = line_number(start).value;
@@ -128,7 +144,6 @@ Ref apply_block(PyObject* module, const BlockEdit& edit) {
     if (start_given.get() == Py_None) return refusal("give either start_line or anchor");
     const LineNumber start = line_number(start_given.get());
 
-    const std::string_view utf8 = utf8_of(text.get());
     // Cut the text at the start of two lines; the block goes between the cuts.
     std::array<long long, 2> cuts{start.clamped, start.clamped};
     std::optional<LineNumber> end;

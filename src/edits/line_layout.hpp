@@ -14,6 +14,9 @@ namespace editor::edits {
 // when the line is the last and has none).
 Py_ssize_t line_end(std::string_view utf8, Py_ssize_t from) noexcept;
 
+// Number of "\n" characters in the text (anchors are placed by counting these alone).
+Py_ssize_t count_newlines(std::string_view utf8) noexcept;
+
 // True when the text's last line ends with a line break (or there are no lines at all).
 bool ends_with_line_break(std::string_view utf8) noexcept;
 
