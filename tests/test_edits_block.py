@@ -1,6 +1,7 @@
 """The block edit on real files: addressing, receipts, refusals, line semantics, identity."""
 
 import os
+from pathlib import Path
 
 import pytest
 
@@ -167,31 +168,23 @@ def test_refusal_dicts_are_fresh(project, checker):
 
 
 @pytest.mark.parametrize(
-    ("content", "error"),
+    ("before", "content", "error"),
     [
-        (b"", IsADirectoryError),           # the target is a directory
-        (b"a\n\xff\xfe\n", UnicodeDecodeError),
+        (None, "X", IsADirectoryError),  # the target is a directory
+        (b"a\n\xff\xfe\n", "X", UnicodeDecodeError),
+        (ABC.encode(), "ok\n\udcff\n", UnicodeEncodeError),  # raised before the file is opened
     ],
 )
-def test_read_failures_propagate_and_write_nothing(project, checker, content, error):
+def test_host_exceptions_propagate_and_write_nothing(project, checker, before, content, error):
     target = project / "target"
-    if content:
-        target.write_bytes(content)
-    else:
+    if before is None:
         target.mkdir()
         (target / "inner.txt").write_bytes(b"x\n")
+    else:
+        target.write_bytes(before)
     digest = tree_digest(project.parent)
     with pytest.raises(error):
-        editor.apply_block(str(project), str(target), 1, None, "X")
-    assert tree_digest(project.parent) == digest and checker == []
-
-
-def test_content_utf8_cannot_hold_leaves_the_file_intact(project, checker):
-    path = project / "f.txt"
-    path.write_bytes(ABC.encode())
-    digest = tree_digest(project.parent)
-    with pytest.raises(UnicodeEncodeError):
-        editor.apply_block(str(project), str(path), 2, None, "ok\n\udcff\n")
+        editor.apply_block(str(project), str(target), 2, None, content)
     assert tree_digest(project.parent) == digest and checker == []
 
 
@@ -207,26 +200,26 @@ def test_unwritable_file_raises_the_hosts_permission_error(project, checker):
 
 
 @pytest.mark.parametrize(
-    ("args", "kwargs"),
+    ("wrong", "message"),
     [
-        ((1, None, "X"), {"root": b"/"}),
-        ((1, None, None), {}),
-        ((1, None, "X"), {"mode": 1}),
-        ((1, None, "X"), {"anchor": b"b"}),
-        ((2.0, None, "X"), {}),
-        (("2", None, "X"), {}),
-        ((2, 2.5, "X"), {}),
+        ({"root": b"/"}, "apply_block() argument 'root' must be str, not bytes"),
+        ({"abs_path": Path("/")}, "apply_block() argument 'abs_path' must be str, not PosixPath"),
+        ({"content": None}, "apply_block() argument 'content' must be str, not None"),
+        ({"mode": 1}, "apply_block() argument 'mode' must be str, not int"),
+        ({"anchor": b"b"}, "apply_block() argument 'anchor' must be str or None, not bytes"),
+        ({"start_line": 2.0}, "'float' object cannot be interpreted as an integer"),
+        ({"start_line": "2"}, "'str' object cannot be interpreted as an integer"),
+        ({"end_line": 2.5}, "'float' object cannot be interpreted as an integer"),
     ],
 )
-def test_wrong_argument_types_raise_type_error(project, checker, args, kwargs):
+def test_wrong_argument_types_raise_type_error(project, checker, wrong, message):
     path = project / "f.txt"
     path.write_bytes(ABC.encode())
     digest = tree_digest(project.parent)
-    root = kwargs.pop("root", str(project))
-    with pytest.raises(TypeError):
-        editor.apply_block(root, str(path), *args, **kwargs)
-    with pytest.raises(TypeError, match="argument 'abs_path' must be str, not PosixPath"):
-        editor.apply_block(str(project), path, 1, None, "X")
+    call = {"root": str(project), "abs_path": str(path), "start_line": 1, "end_line": None, "content": "X"}
+    with pytest.raises(TypeError) as caught:
+        editor.apply_block(**(call | wrong))
+    assert str(caught.value) == message
     assert tree_digest(project.parent) == digest and checker == []
 
 
