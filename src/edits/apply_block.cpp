@@ -148,7 +148,7 @@ Ref apply_block(PyObject* module, const BlockEdit& edit) {
     std::array<long long, 2> cuts{start.clamped, start.clamped};
     std::optional<LineNumber> end;
     if (*mode == Mode::replace) {
-        end = end_given.get() == Py_None ? line_number(start_given.get()) : line_number(end_given.get());
+        end = end_given.get() == Py_None ? LineNumber{start.value.dup(), start.clamped} : line_number(end_given.get());
         cuts[1] = next_line(end->clamped);
     } else if (*mode == Mode::insert_after) {
         cuts = {next_line(start.clamped), next_line(start.clamped)};
