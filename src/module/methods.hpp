@@ -7,5 +7,8 @@ namespace editor::methods {
 
 extern PyMethodDef within_root;
 extern PyMethodDef resolve_target;
+extern PyMethodDef apply_block;
+extern PyMethodDef create_file;
+extern PyMethodDef delete_file;
 
 }  // namespace editor::methods

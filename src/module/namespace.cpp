@@ -40,6 +40,9 @@ const Binding namespace_table[] = {
     value("LEDGER_NAME", ledger_name),
     function(methods::within_root),
     function(methods::resolve_target),
+    function(methods::apply_block),
+    function(methods::create_file),
+    function(methods::delete_file),
 };
 
 // `from <from> import <name>`, with the ImportError text and attributes the host's own
