@@ -10,11 +10,13 @@ parse are the work being measured). Last, the region finder beside `compile` on 
 Run: python bench/bench_parse.py
 """
 
+import statistics
 import sys
 import tempfile
+import time
 from pathlib import Path
 
-from harness import median_time, row
+from harness import row
 
 import editor
 import embedscan
@@ -103,6 +105,20 @@ def source(unit, lines, broken=None):
     return "".join(parts)
 
 
+def medians(functions, repeat):
+    """Median wall time of each function, measured in turns (one run of each per round) so that
+    load from other processes falls on the operation and its floor alike."""
+    for function in functions:
+        function()
+    times = [[] for _ in functions]
+    for _ in range(repeat):
+        for function, spent in zip(functions, times):
+            start = time.perf_counter()
+            function()
+            spent.append(time.perf_counter() - start)
+    return [statistics.median(spent) for spent in times]
+
+
 def floor_of(ext, text):
     if ext == ".py":
         return lambda: compile(text, "bench.py", "exec")
@@ -121,20 +137,20 @@ def bench_checks(directory, broken):
             path.write_text(text, encoding="utf-8")
             expected = editor.syntax_check(str(path))
             assert (expected == "ok") is (not broken or ext == ".py"), expected
-            repeat = 3 if lines == 100_000 else 7
-            floor = median_time(floor_of(ext, text), repeat=repeat)
+            floor, absolute, delta = medians(
+                [floor_of(ext, text), lambda: editor.syntax_check(str(path)),
+                 lambda: editor.syntax_check(str(path), before_text=before)],
+                repeat=5 if lines == 100_000 else 21)
             size = f"{text.count(chr(10))} lines"
-            row(f"syntax_check {ext} {state}", size,
-                median_time(lambda: editor.syntax_check(str(path)), repeat=repeat), floor)
-            row(f"syntax_check {ext} {state} +baseline", size,
-                median_time(lambda: editor.syntax_check(str(path), before_text=before), repeat=repeat), floor)
+            row(f"syntax_check {ext} {state}", size, absolute, floor)
+            row(f"syntax_check {ext} {state} +baseline", size, delta, floor)
 
 
 def bench_region_finder():
     text = source(PY_UNIT, 10_000)
-    floor = median_time(lambda: compile(text, "bench.py", "exec"))
-    row("embedscan._embedded_regions", f"{text.count(chr(10))} lines",
-        median_time(lambda: embedscan._embedded_regions(text)), floor)
+    floor, scan = medians([lambda: compile(text, "bench.py", "exec"), lambda: embedscan._embedded_regions(text)],
+                          repeat=21)
+    row("embedscan._embedded_regions", f"{text.count(chr(10))} lines", scan, floor)
 
 
 def main():

@@ -1,6 +1,7 @@
 """Tree-sitter error scans over the real grammars and over hand-built trees (read-for-read
 equivalence with the recursive definition is in test_parse_fuzz.py)."""
 
+import os
 import subprocess
 import sys
 from collections import Counter
@@ -122,7 +123,7 @@ for language, text in [("python", "def f(:"), ("c", "int main( {"), ("cpp", "cla
 
 def test_every_checked_grammar_loads_offline():
     result = subprocess.run([sys.executable, "-c", OFFLINE], capture_output=True, text=True, timeout=120,
-                            env={"PYTHONPATH": ":".join(sys.path)})
+                            env=dict(os.environ, PYTHONPATH=os.pathsep.join(sys.path)))
     assert result.returncode == 0, result.stderr
     languages = ["python", "c", "cpp", "java", "javascript", "css", "html"]
     assert result.stdout.split() == [word for name in languages for word in (name, "True", "None")]

@@ -7,6 +7,7 @@ namespace editor::methods {
 
 extern PyMethodDef within_root;
 extern PyMethodDef resolve_target;
+extern PyMethodDef apply_block;
 extern PyMethodDef first_error_node;
 extern PyMethodDef all_error_nodes;
 extern PyMethodDef treesitter_error;
@@ -14,5 +15,7 @@ extern PyMethodDef treesitter_error_counts;
 extern PyMethodDef native_language;
 extern PyMethodDef web_error_counts;
 extern PyMethodDef syntax_check;
+extern PyMethodDef create_file;
+extern PyMethodDef delete_file;
 
 }  // namespace editor::methods

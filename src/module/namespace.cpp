@@ -41,6 +41,7 @@ const Binding namespace_table[] = {
     value("LEDGER_NAME", ledger_name),
     function(methods::within_root),
     function(methods::resolve_target),
+    function(methods::apply_block),
     function(methods::first_error_node),
     function(methods::all_error_nodes),
     function(methods::treesitter_error),
@@ -50,6 +51,8 @@ const Binding namespace_table[] = {
     function(methods::native_language),
     function(methods::web_error_counts),
     deep_function(methods::syntax_check),
+    function(methods::create_file),
+    function(methods::delete_file),
 };
 
 // `from <from> import <name>`, with the ImportError text and attributes the host's own

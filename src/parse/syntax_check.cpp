@@ -32,13 +32,9 @@ bool truthy(PyObject* value) { return check_bool(PyObject_IsTrue(value)); }
 // path.read_text(encoding="utf-8"); an empty Ref when the file cannot be read (gone, a
 // directory, no permission). A file that is not UTF-8 raises the host's decoding error.
 Ref read_text(PyObject* path) {
-    Ref name = str("read_text");
     Ref encoding = str("utf-8");
-    Ref keyword = str("encoding");
-    Ref kwnames = check(PyTuple_Pack(1, keyword.get()));
-    PyObject* argv[] = {path, encoding.get()};
     try {
-        return check(PyObject_VectorcallMethod(name.get(), argv, 1, kwnames.get()));
+        return call_kw(attr(path, "read_text").get(), {}, {{"encoding", encoding.get()}});
     } catch (PyError& error) {
         if (!error.matches(PyExc_OSError)) throw;
         return Ref();
