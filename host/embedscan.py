@@ -70,7 +70,7 @@ _HTML_TAG = re.compile(
 )
 _HTML_CLOSE = re.compile(r"</[A-Za-z][\w-]*\s*>")
 _JS_SIGN = re.compile(
-    r"\bfunction\b\s*[\w$]*\s*\(|\b(?:const|let|var)\s+[\w$]+\s*=|=>\s*[{(]"
+    r"\bfunction\b\s*[\w$]*\s*\([^()]*\)\s*\{|\b(?:const|let|var)\s+[\w$]+\s*=|(?<![=<>!])=>\s*[{(]"
     r"|\b(?:document|window)\.[A-Za-z]|\bconsole\.(?:log|warn|error)\s*\("
     r"|\.(?:addEventListener|querySelector(?:All)?|getElementById)\s*\("
 )
