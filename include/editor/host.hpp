@@ -73,4 +73,57 @@ template <typename... Objects>
 
 [[nodiscard]] inline Ref str(const char* utf8) { return check(PyUnicode_FromString(utf8)); }
 
+// One keyword argument of `call_kw`: its name and a borrowed value.
+struct Keyword {
+    const char* name;
+    PyObject* value;
+};
+
+// callable(*args, **keywords) with borrowed arguments, e.g.
+// call_kw(run, {cmd}, {{"cwd", cwd}, {"text", Py_True}}).
+[[nodiscard]] inline Ref call_kw(PyObject* callable, std::initializer_list<PyObject*> args,
+                                 std::initializer_list<Keyword> keywords) {
+    Ref kwnames = check(PyTuple_New(static_cast<Py_ssize_t>(keywords.size())));
+    std::vector<PyObject*> argv{nullptr};
+    argv.insert(argv.end(), args.begin(), args.end());
+    Py_ssize_t index = 0;
+    for (const Keyword& keyword : keywords) {
+        PyTuple_SET_ITEM(kwnames.get(), index++, check(PyUnicode_InternFromString(keyword.name)).release());
+        argv.push_back(keyword.value);
+    }
+    return check(PyObject_Vectorcall(callable, argv.data() + 1,
+                                     args.size() | PY_VECTORCALL_ARGUMENTS_OFFSET, kwnames.get()));
+}
+
+// `a, b, ... = iterable` with the host's ValueError/TypeError texts: exactly N new references.
+template <std::size_t N>
+[[nodiscard]] std::array<Ref, N> unpack(PyObject* iterable) {
+    Ref iterator = Ref::steal(PyObject_GetIter(iterable));
+    if (!iterator) {
+        if (!PyErr_ExceptionMatches(PyExc_TypeError)) throw PyError::fetch();
+        PyErr_Clear();
+        PyErr_Format(PyExc_TypeError, "cannot unpack non-iterable %s object", Py_TYPE(iterable)->tp_name);
+        throw PyError::fetch();
+    }
+    std::array<Ref, N> items;
+    for (std::size_t i = 0; i < N; ++i) {
+        if (!check_bool(PyIter_NextItem(iterator.get(), items[i].out()))) {
+            PyErr_Format(PyExc_ValueError, "not enough values to unpack (expected %zu, got %zu)", N, i);
+            throw PyError::fetch();
+        }
+    }
+    Ref extra;
+    if (check_bool(PyIter_NextItem(iterator.get(), extra.out()))) {
+        // Only sized built-in containers tell how many there were.
+        if (PyTuple_CheckExact(iterable) || PyList_CheckExact(iterable) || PyDict_CheckExact(iterable)) {
+            PyErr_Format(PyExc_ValueError, "too many values to unpack (expected %zu, got %zd)", N,
+                         PyObject_Length(iterable));
+        } else {
+            PyErr_Format(PyExc_ValueError, "too many values to unpack (expected %zu)", N);
+        }
+        throw PyError::fetch();
+    }
+    return items;
+}
+
 }  // namespace editor
