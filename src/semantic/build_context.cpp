@@ -110,14 +110,8 @@ Ref java_context(PyObject* module, PyObject* abs_path) {
     Ref path = make_path(module, abs_path);
     Ref java = str(".java");
     if (!equal(lower_suffix(path.get()).get(), java.get())) return Ref::borrow(Py_None);
-    Ref text;
-    try {
-        text = read_utf8(path.get());
-    } catch (PyError& error) {
-        // Unreadable: no context. A file that is not UTF-8 is the caller's problem.
-        if (!error.matches(PyExc_OSError)) throw;
-        return Ref::borrow(Py_None);
-    }
+    Ref text = read_utf8_if_readable(path.get());
+    if (!text) return Ref::borrow(Py_None);
     Ref root = call(ns(module, "_repo_root").get(), path.get());
     Ref source_path = str("-sourcepath");
     Ref args = check(PyList_New(0));

@@ -120,13 +120,8 @@ Ref semantic_delta_check(PyObject* module, PyObject* abs_path, PyObject* lang, P
     Ref after = call(errfn.get(), abs_path);
     if (!truthy(after.get())) return Ref::borrow(Py_None);
     Ref path = make_path(module, abs_path);
-    Ref current;
-    try {
-        current = read_utf8(path.get());
-    } catch (PyError& error) {
-        if (!error.matches(PyExc_OSError)) throw;
-        return Ref::borrow(Py_None);
-    }
+    Ref current = read_utf8_if_readable(path.get());
+    if (!current) return Ref::borrow(Py_None);
     // The earlier text is judged at the same path, so includes, packages and class paths
     // resolve as they do for the current one; the current text goes back on every path.
     Ref before = with_finally(

@@ -38,6 +38,17 @@ namespace editor::semantic {
     return call_kw(attr(path, "read_text").get(), {}, {{"encoding", encoding.get()}});
 }
 
+// The file's text, or an empty Ref when it cannot be read (an OSError: missing, a directory,
+// no permission). Text that is not UTF-8 still raises: the checks never guess an encoding.
+[[nodiscard]] inline Ref read_utf8_if_readable(PyObject* path) {
+    try {
+        return read_utf8(path);
+    } catch (PyError& error) {
+        if (!error.matches(PyExc_OSError)) throw;
+        return Ref();
+    }
+}
+
 // path.write_text(text, encoding="utf-8")
 inline void write_utf8(PyObject* path, PyObject* text) {
     Ref encoding = str("utf-8");

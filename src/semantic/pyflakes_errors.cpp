@@ -99,14 +99,8 @@ Ref pyflakes_errors(PyObject* module, PyObject* abs_path) {
         if (!is_ordinary(error)) throw;
         return Ref::borrow(Py_None);
     }
-    Ref src;
-    try {
-        src = read_utf8(make_path(module, abs_path).get());
-    } catch (PyError& error) {
-        // Unreadable: not evaluated. Text that is not UTF-8 propagates.
-        if (!error.matches(PyExc_OSError)) throw;
-        return Ref::borrow(Py_None);
-    }
+    Ref src = read_utf8_if_readable(make_path(module, abs_path).get());
+    if (!src) return Ref::borrow(Py_None);
     Ref findings = check(PyList_New(0));
     try {
         Ref reporter = call(reporter_class(module, findings.get()).get());
