@@ -1,6 +1,7 @@
 #include <Python.h>
 
 #include "editor/host.hpp"
+#include "editor/unpack.hpp"
 #include "semantic/finally.hpp"
 #include "semantic/semantic.hpp"
 

@@ -3,6 +3,7 @@
 #include "editor/args.hpp"
 #include "editor/boundary.hpp"
 #include "editor/host.hpp"
+#include "editor/unpack.hpp"
 #include "semantic/finally.hpp"
 #include "semantic/host_path.hpp"
 #include "semantic/semantic.hpp"
