@@ -25,6 +25,7 @@ def apply_block(
     mode: str = "replace",
     anchor: str | None = None,
 ) -> dict: ...
+
 _GCC_DIAG: Final[re.Pattern[str]]
 _JAVAC_DIAG: Final[re.Pattern[str]]
 _CPP_SRC_EXT: Final[set[str]]
