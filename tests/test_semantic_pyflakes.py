@@ -28,19 +28,12 @@ def test_only_semantic_errors_are_reported(tmp_path, source, expected):
     assert editor._pyflakes_errors(str(write(tmp_path / "m.py", source))) == expected
 
 
-def test_each_call_collects_its_own_findings(tmp_path):
-    first = write(tmp_path / "a.py", "alpha\n")
-    second = write(tmp_path / "b.py", "beta\n")
-    one = editor._pyflakes_errors(str(first))
-    two = editor._pyflakes_errors(str(second))
-    assert one == [("undefined name 'alpha'", 1)] and two == [("undefined name 'beta'", 1)]
-    assert editor._pyflakes_errors(str(first)) == one
-
-
-def test_reporter_classes_do_not_outlive_their_call(tmp_path):
-    source = str(write(tmp_path / "a.py", "alpha\n"))
-    for _ in range(50):
-        editor._pyflakes_errors(source)
+def test_each_call_collects_into_its_own_list_and_leaves_nothing_behind(tmp_path):
+    first = str(write(tmp_path / "a.py", "alpha\n"))
+    second = str(write(tmp_path / "b.py", "beta\n"))
+    for _ in range(20):
+        assert editor._pyflakes_errors(first) == [("undefined name 'alpha'", 1)]
+        assert editor._pyflakes_errors(second) == [("undefined name 'beta'", 1)]
     gc.collect()
     assert not [o for o in gc.get_objects() if isinstance(o, type) and o.__name__ == "_Collector"]
 
