@@ -18,4 +18,15 @@ extern PyMethodDef syntax_check;
 extern PyMethodDef create_file;
 extern PyMethodDef delete_file;
 
+// Semantic checks (semantic_methods.cpp).
+extern PyMethodDef find_exe;
+extern PyMethodDef repo_root;
+extern PyMethodDef cpp_context;
+extern PyMethodDef java_context;
+extern PyMethodDef compile_errors;
+extern PyMethodDef pyflakes_errors;
+extern PyMethodDef semantic_errfn;
+extern PyMethodDef semantic_delta_check;
+extern PyMethodDef commit_time_check;
+
 }  // namespace editor::methods
