@@ -1,11 +1,9 @@
-"""Receipts carrying the module's real syntax check (runs once the check is part of the module)."""
+"""Receipts carrying the module's real syntax check."""
 
 import pytest
 
 import editor
 from edits_helpers import project  # noqa: F401  (fixture)
-
-pytestmark = pytest.mark.skipif(not hasattr(editor, "syntax_check"), reason="editor has no syntax_check yet")
 
 
 def compiler_verdict(text, path):
