@@ -2,10 +2,12 @@
 VENV   := .venv
 PY     := $(VENV)/bin/python
 BUILD  := build
+ASAN_BUILD  := build-asan
+DEBUG_BUILD := build-dbg
 export PATH := $(CURDIR)/$(VENV)/bin:$(PATH)
 export PYTHONPATH := $(CURDIR)/$(BUILD):$(CURDIR)/host
 
-.PHONY: all bootstrap build test demo clean
+.PHONY: all bootstrap build test demo check-asan check-refleaks clean
 
 all: build
 
@@ -22,11 +24,39 @@ $(VENV)/.complete: bootstrap
 build: bootstrap $(BUILD)/build.ninja
 	@meson compile -C $(BUILD) >/dev/null
 
+# The suite, then the suite again under the sanitizers (check-asan, about a minute more).
 test: build
 	$(PY) -m pytest -q
+	@$(MAKE) --no-print-directory check-asan
 
 demo: build
 	$(PY) demo/run.py
 
+$(ASAN_BUILD)/build.ninja: $(VENV)/.complete
+	rm -rf $(ASAN_BUILD)
+	meson setup $(ASAN_BUILD) -Dbuildtype=debug -Db_sanitize=address,undefined -Db_lundef=false >/dev/null
+
+# The whole suite under AddressSanitizer and UndefinedBehaviorSanitizer (see scripts/check-asan).
+check-asan: bootstrap $(ASAN_BUILD)/build.ninja
+	@meson compile -C $(ASAN_BUILD) >/dev/null
+	bash scripts/check-asan $(ASAN_BUILD)
+
+# Built for the debug interpreter the bootstrap provides, named to meson in a machine file.
+# tree-sitter's binding is built for it too (into site/), so that the references it takes and
+# drops are counted like everyone else's; its multiarch pyconfig.h is found as meson.build finds it.
+$(DEBUG_BUILD)/build.ninja: $(VENV)/.complete
+	rm -rf $(DEBUG_BUILD) && mkdir -p $(DEBUG_BUILD)
+	python=$$(bash scripts/bootstrap --debug-python) && \
+		printf "[binaries]\npython = '%s'\n" "$$python" > $(DEBUG_BUILD)/python.ini && \
+		CFLAGS="-idirafter $$(dirname "$$python")/../include" $(PY) -m pip --python "$$python" install -q \
+			--disable-pip-version-check --root-user-action=ignore --no-deps --no-binary tree-sitter \
+			--target $(DEBUG_BUILD)/site "$$(grep '^tree-sitter==' requirements.txt)"
+	meson setup $(DEBUG_BUILD) -Dbuildtype=debug --native-file $(DEBUG_BUILD)/python.ini >/dev/null
+
+# The suite on the debug interpreter, then the reference-leak checks (see scripts/check-refleaks).
+check-refleaks: bootstrap $(DEBUG_BUILD)/build.ninja
+	@meson compile -C $(DEBUG_BUILD) >/dev/null
+	bash scripts/check-refleaks $(DEBUG_BUILD)
+
 clean:
-	rm -rf $(BUILD)
+	rm -rf $(BUILD) $(ASAN_BUILD) $(DEBUG_BUILD)
