@@ -7,7 +7,7 @@ DEBUG_BUILD := build-dbg
 export PATH := $(CURDIR)/$(VENV)/bin:$(PATH)
 export PYTHONPATH := $(CURDIR)/$(BUILD):$(CURDIR)/host
 
-.PHONY: all bootstrap build test demo check-asan check-refleaks clean
+.PHONY: all bootstrap build test demo bench check-asan check-refleaks clean
 
 all: build
 
@@ -31,6 +31,10 @@ test: build
 
 demo: build
 	$(PY) demo/run.py
+
+# Every benchmark in one table, also written to bench/results.md.
+bench: build
+	$(PY) bench/run_all.py
 
 $(ASAN_BUILD)/build.ninja: $(VENV)/.complete
 	rm -rf $(ASAN_BUILD)

@@ -2,10 +2,13 @@
 
 Each benchmark measures an operation beside its floor (the work the operation cannot avoid,
 timed in the same run on the same input) and reports the ratio, so a number means the same on
-a slow machine as on a fast one. Rows are printed as a table and kept in `ROWS` so a driver can
-collect every benchmark's rows into one report.
+a slow machine as on a fast one. Rows are printed as a table and kept in `ROWS`; when EDITOR_BENCH_ROWS
+names a file, each row is also appended to it as one JSON line, so a driver that runs every
+benchmark in a process of its own (bench/run_all.py) can collect them into one report.
 """
 
+import json
+import os
 import statistics
 import sys
 import time
@@ -54,6 +57,9 @@ def row(operation, size, median, floor, peak=None):
         "peak_bytes": peak,
     }
     ROWS.append(entry)
+    if os.environ.get("EDITOR_BENCH_ROWS"):
+        with open(os.environ["EDITOR_BENCH_ROWS"], "a", encoding="utf-8") as rows:
+            rows.write(json.dumps(entry) + "\n")
     ratio = f"{entry['ratio']:.2f}x" if entry["ratio"] is not None else "-"
     floor_text = f"{entry['floor_ms']:.3f}" if floor else "-"
     peak_text = f"{peak / 2**20:.1f} MiB" if peak is not None else "-"

@@ -1,0 +1,72 @@
+"""Runs every benchmark of the project (bench/bench_*.py), each in a process of its own, and
+prints all their rows as one table, which it also writes to bench/results.md together with the
+machine and the Python version it was measured on."""
+
+import json
+import os
+import platform
+import subprocess
+import sys
+import tempfile
+import time
+from pathlib import Path
+
+HERE = Path(__file__).resolve().parent
+HEADER = ["benchmark", "operation", "input size", "median", "floor", "ratio", "peak memory"]
+
+
+def cpu_model():
+    try:
+        for line in Path("/proc/cpuinfo").read_text().splitlines():
+            if line.startswith("model name"):
+                return line.split(":", 1)[1].strip()
+    except OSError:
+        pass
+    return platform.processor() or "unknown processor"
+
+
+def run(script, rows_file):
+    print(f"== {script.name}", flush=True)
+    env = dict(os.environ, EDITOR_BENCH_ROWS=str(rows_file))
+    subprocess.run([sys.executable, str(script)], env=env, check=True)
+    if not rows_file.exists():
+        return []
+    return [json.loads(line) for line in rows_file.read_text(encoding="utf-8").splitlines()]
+
+
+def milliseconds(value):
+    return "-" if value is None else f"{value:.3f} ms"
+
+
+def table(rows):
+    lines = ["| " + " | ".join(HEADER) + " |", "|" + "---|" * len(HEADER)]
+    for bench, row in rows:
+        ratio = "-" if row["ratio"] is None else f"{row['ratio']:.2f}x"
+        peak = "-" if row["peak_bytes"] is None else f"{row['peak_bytes'] / 2**20:.1f} MiB"
+        cells = [bench, row["operation"], str(row["size"]), milliseconds(row["median_ms"]),
+                 milliseconds(row["floor_ms"]), ratio, peak]
+        lines.append("| " + " | ".join(cell.replace("|", "\\|") for cell in cells) + " |")
+    return "\n".join(lines)
+
+
+def main():
+    rows = []
+    with tempfile.TemporaryDirectory(prefix="editor_bench_") as scratch:
+        for script in sorted(HERE.glob("bench_*.py")):
+            name = script.stem.removeprefix("bench_")
+            rows += [(name, row) for row in run(script, Path(scratch) / f"{name}.jsonl")]
+    machine = (f"{cpu_model()}, {os.cpu_count()} logical CPUs, {platform.system()} {platform.release()}; "
+               f"Python {platform.python_version()} ({sys.implementation.name})")
+    body = table(rows)
+    print(f"\n{machine}\n\n{body}")
+    (HERE / "results.md").write_text(
+        "# Benchmark results\n\n"
+        f"Measured by `make bench` on {time.strftime('%Y-%m-%d')}: {machine}.\n\n"
+        "Median wall time of each operation beside its floor (the work it cannot avoid, timed in the\n"
+        "same run on the same input), their ratio, and the peak memory the Python allocators held\n"
+        "during one call, where the benchmark measures it.\n\n"
+        f"{body}\n", encoding="utf-8")
+
+
+if __name__ == "__main__":
+    main()
