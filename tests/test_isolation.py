@@ -88,3 +88,57 @@ def test_import_in_an_isolated_subinterpreter():
     result = run_python(SUBINTERPRETER, ROOT / "host", BUILD)
     assert result.returncode == 0, result.stderr
     assert result.stdout.strip() == "/proj/x/a.py"
+
+
+# The road of an edit through one sub-interpreter, on its own project `root`; at the end it
+# replaces a module attribute, which must stay its own.
+EDIT_ROAD = """\
+import os, editor
+target = os.path.join(root, "f.py")
+assert editor.create_file(root, target, "x = 1\\n") == {"created": target, "syntax": "ok"}
+for i in range(20):
+    receipt = editor.apply_block(root, target, 1, None, f"x = {i}\\n")
+    assert receipt == {"replaced": [f"x = {i - 1 if i else 1}"], "at": 1, "syntax": "ok"}, receipt
+# tree-sitter's binding cannot load into an isolated interpreter: that check then reports nothing.
+assert editor._treesitter_error("c", "int f( {\\n") in (None, (1, "missing bracket/token"))
+assert editor.commit_time_check({target: "x = 1\\n"}) == []
+assert editor.resolve_target(root, "F.PY", ["f.py"]) == target
+assert editor.delete_file(root, target) == {"deleted": target, "was": "file"}
+editor._within_root = lambda root, path: False
+"""
+
+# Two isolated sub-interpreters (each with its own GIL) run the road at the same time in two
+# threads, after the main interpreter imported the module.
+CONCURRENT = """
+    import sys, tempfile, threading
+    from concurrent import interpreters
+    import editor
+    original = editor._within_root
+    failures = []
+
+    def run(root):
+        interp = interpreters.create()
+        try:
+            interp.exec(f"import sys; sys.path[:0] = {sys.path[:3]!r}; root = {root!r}\\n" + ROAD)
+        except Exception as error:
+            failures.append(error)
+        finally:
+            interp.close()
+
+    with tempfile.TemporaryDirectory() as a, tempfile.TemporaryDirectory() as b:
+        threads = [threading.Thread(target=run, args=(root,)) for root in (a, b)]
+        for thread in threads:
+            thread.start()
+        for thread in threads:
+            thread.join()
+    print(failures)
+    print(editor._within_root is original, editor.resolve_target("/proj", "../x.py", []))
+"""
+
+
+def test_concurrent_subinterpreters_leave_the_main_module_alone():
+    result = run_python(CONCURRENT.replace("ROAD", repr(EDIT_ROAD)), ROOT / "host", BUILD)
+    assert result.returncode == 0, result.stderr
+    failures, main = result.stdout.splitlines()
+    assert failures == "[]"
+    assert main == "True {'error': \"'../x.py' is outside the project root -- edits are confined to it\"}"
