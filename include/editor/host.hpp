@@ -5,6 +5,8 @@
 #include <Python.h>
 
 #include <array>
+#include <initializer_list>
+#include <vector>
 
 #include "editor/error.hpp"
 
@@ -45,6 +47,29 @@ template <typename... Objects>
 [[nodiscard]] Ref call_method(PyObject* object, const char* name, Objects... args) {
     Ref method = attr(object, name);
     return call(method.get(), args...);
+}
+
+// One keyword argument of call_kw: the name and its borrowed value.
+struct Keyword {
+    const char* name;
+    PyObject* value;
+};
+
+// callable(*positional, **keywords) with borrowed arguments, for host functions whose
+// parameters are keyword-only or far down their parameter list (json.dumps's indent,
+// difflib.unified_diff's lineterm, Path.read_text's encoding).
+[[nodiscard]] inline Ref call_kw(PyObject* callable, std::initializer_list<PyObject*> positional,
+                                 std::initializer_list<Keyword> keywords) {
+    std::vector<PyObject*> argv{nullptr};
+    argv.insert(argv.end(), positional.begin(), positional.end());
+    Ref kwnames = check(PyTuple_New(static_cast<Py_ssize_t>(keywords.size())));
+    Py_ssize_t index = 0;
+    for (const Keyword& keyword : keywords) {
+        PyTuple_SET_ITEM(kwnames.get(), index++, check(PyUnicode_InternFromString(keyword.name)).release());
+        argv.push_back(keyword.value);
+    }
+    return check(PyObject_Vectorcall(callable, argv.data() + 1,
+                                     positional.size() | PY_VECTORCALL_ARGUMENTS_OFFSET, kwnames.get()));
 }
 
 [[nodiscard]] inline Ref str(const char* utf8) { return check(PyUnicode_FromString(utf8)); }

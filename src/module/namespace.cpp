@@ -40,6 +40,13 @@ const Binding namespace_table[] = {
     value("LEDGER_NAME", ledger_name),
     function(methods::within_root),
     function(methods::resolve_target),
+    function(methods::session_diff),
+    function(methods::take_snapshot),
+    function(methods::rollback_steps),
+    function(methods::ledger_load),
+    function(methods::ledger_append),
+    function(methods::ledger_mark_rolled_back),
+    function(methods::static_diff),
 };
 
 // `from <from> import <name>`, with the ImportError text and attributes the host's own
