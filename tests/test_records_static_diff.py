@@ -53,7 +53,8 @@ scopes = st.one_of(
     st.builds(lambda f: f"{f}::css::x::<module>", files),
     st.builds(lambda f, n: f"{f}::{n}", files, names),  # a local scope: ignored
 )
-values = st.sampled_from(["1", "'a'", '"b"', "{'k': 1}", "x\\y", "é\n", "😀", ""])
+NAN = float("nan")  # the same object on both sides still differs from itself
+values = st.sampled_from(["1", "'a'", '"b"', "{'k': 1}", "x\\y", "é\n", "😀", "", NAN, None, 2.5])
 records = st.lists(st.dictionaries(st.sampled_from(["rhs", "line"]), values), max_size=3)
 maps = st.fixed_dictionaries(
     {},
@@ -72,6 +73,22 @@ def test_matches_the_plain_comparison(before, after, cap):
     result = editor.static_diff(before, after) if cap is None else editor.static_diff(before, after, cap)
     assert result == reference(before, after, 10 if cap is None else cap)
     assert list(result) == list(reference(before, after, 10 if cap is None else cap))
+
+
+class Id(str):
+    """An id type of the indexer's own: compared as the host compares it."""
+
+
+def with_own_ids(enriched):
+    edges = [{"caller": Id(e["caller"]), "callee": e["callee"]} for e in enriched.get("edges", [])]
+    return {**enriched, "edges": edges, "symbols": [Id(s) for s in enriched.get("symbols", [])]}
+
+
+@settings(max_examples=150, deadline=None)
+@given(before=maps, after=maps, cap=st.integers(-4, 14))
+def test_ids_of_a_str_subclass_match_the_plain_comparison(before, after, cap):
+    before = with_own_ids(before)
+    assert editor.static_diff(before, after, cap) == reference(before, after, cap)
 
 
 def test_the_note_is_a_fresh_dict_each_time():
