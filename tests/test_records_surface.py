@@ -15,11 +15,8 @@ SIGNATURES = {
     "ledger_mark_rolled_back": "(root, count)",
     "static_diff": "(before, after, cap=10)",
 }
-STUBS = {
-    node.name: node
-    for node in ast.parse((Path(__file__).parent.parent / "editor.pyi").read_text()).body
-    if isinstance(node, ast.FunctionDef)
-}
+STUBS = {node.name: node for node in ast.parse((Path(__file__).parent.parent / "editor.pyi").read_text()).body
+         if isinstance(node, ast.FunctionDef)}
 
 
 @pytest.mark.parametrize("name, signature", SIGNATURES.items())
@@ -28,12 +25,11 @@ def test_signature_module_and_stub(name, signature):
     assert str(inspect.signature(function)) == signature
     assert function.__module__ == "editor" and "--" not in function.__doc__
     stub = STUBS[name].args
-    defaults = [None] * (len(stub.args) - len(stub.defaults)) + [ast.literal_eval(d) for d in stub.defaults]
-    assert [(a.arg, d) for a, d in zip(stub.args, defaults)] == [
-        (p.name, None if p.default is p.empty else p.default) for p in inspect.signature(function).parameters.values()
-    ]
+    defaults = ", ".join(f"{a.arg}={ast.literal_eval(d)}" if d else a.arg
+                         for a, d in zip(stub.args, [None] * (len(stub.args) - len(stub.defaults)) + stub.defaults))
+    assert f"({defaults})" == signature
 
 
 def test_record_operations_are_bound_in_namespace_order():
-    names = [n for n in vars(editor) if n in SIGNATURES or n in ("resolve_target", "LEDGER_NAME")]
-    assert names == ["LEDGER_NAME", "resolve_target", *SIGNATURES]
+    assert [n for n in vars(editor) if n in {*SIGNATURES, "resolve_target", "LEDGER_NAME"}] == [
+        "LEDGER_NAME", "resolve_target", *SIGNATURES]
