@@ -83,11 +83,13 @@ void ledger_mark_rolled_back(PyObject* module, PyObject* root, PyObject* count_a
     const Py_ssize_t count = clamped_index(count_arg);
     Ref steps = call(ns(module, "ledger_load").get(), root);
     Ref key = str("rolled_back");
+    Ref get = str("get");
     Ref unflagged = check(PyList_New(0));
     Ref entries = check(PyObject_GetIter(steps.get()));
     Ref entry;
     while (check_bool(PyIter_NextItem(entries.get(), (entry = Ref()).out()))) {
-        Ref flag = call_method(entry.get(), "get", key.get());
+        // entry.get("rolled_back"), without a bound method per entry.
+        Ref flag = check(PyObject_CallMethodOneArg(entry.get(), get.get(), key.get()));
         if (!check_bool(PyObject_IsTrue(flag.get()))) check(PyList_Append(unflagged.get(), entry.get()));
     }
     const Py_ssize_t size = PyList_GET_SIZE(unflagged.get());
