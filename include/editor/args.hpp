@@ -29,6 +29,10 @@ void bind(const char* function, const char* const* params, std::size_t count, st
           const Args& args, PyObject** out);
 }
 
+// TypeError unless `value` is a str (or None, when `none_allowed`), worded as CPython's own
+// functions word it: "f() argument 'name' must be str, not int".
+void require_str(const char* function, const char* param, PyObject* value, bool none_allowed = false);
+
 // Borrowed argument per parameter, in parameter order; nullptr where an optional one was not
 // passed (the operation supplies its default).
 template <std::size_t N>

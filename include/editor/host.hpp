@@ -42,34 +42,33 @@ template <typename... Objects>
                                      sizeof...(args) | PY_VECTORCALL_ARGUMENTS_OFFSET, nullptr));
 }
 
-// object.name(*args), looked up on the object as Python would.
-template <typename... Objects>
-[[nodiscard]] Ref call_method(PyObject* object, const char* name, Objects... args) {
-    Ref method = attr(object, name);
-    return call(method.get(), args...);
-}
-
-// One keyword argument of call_kw: the name and its borrowed value.
+// One `name=value` argument of call_kw (both borrowed).
 struct Keyword {
     const char* name;
     PyObject* value;
 };
 
-// callable(*positional, **keywords) with borrowed arguments, for host functions whose
-// parameters are keyword-only or far down their parameter list (json.dumps's indent,
-// difflib.unified_diff's lineterm, Path.read_text's encoding).
-[[nodiscard]] inline Ref call_kw(PyObject* callable, std::initializer_list<PyObject*> positional,
+// callable(*args, **keywords) with borrowed arguments. The keyword names are interned here rather
+// than kept in module state: the module has none, and these calls sit next to file I/O.
+[[nodiscard]] inline Ref call_kw(PyObject* callable, std::initializer_list<PyObject*> args,
                                  std::initializer_list<Keyword> keywords) {
+    Ref names = check(PyTuple_New(static_cast<Py_ssize_t>(keywords.size())));
     std::vector<PyObject*> argv{nullptr};
-    argv.insert(argv.end(), positional.begin(), positional.end());
-    Ref kwnames = check(PyTuple_New(static_cast<Py_ssize_t>(keywords.size())));
+    argv.insert(argv.end(), args.begin(), args.end());
     Py_ssize_t index = 0;
     for (const Keyword& keyword : keywords) {
-        PyTuple_SET_ITEM(kwnames.get(), index++, check(PyUnicode_InternFromString(keyword.name)).release());
+        PyTuple_SET_ITEM(names.get(), index++, check(PyUnicode_InternFromString(keyword.name)).release());
         argv.push_back(keyword.value);
     }
     return check(PyObject_Vectorcall(callable, argv.data() + 1,
-                                     positional.size() | PY_VECTORCALL_ARGUMENTS_OFFSET, kwnames.get()));
+                                     args.size() | PY_VECTORCALL_ARGUMENTS_OFFSET, names.get()));
+}
+
+// object.name(*args), looked up on the object as Python would.
+template <typename... Objects>
+[[nodiscard]] Ref call_method(PyObject* object, const char* name, Objects... args) {
+    Ref method = attr(object, name);
+    return call(method.get(), args...);
 }
 
 [[nodiscard]] inline Ref str(const char* utf8) { return check(PyUnicode_FromString(utf8)); }

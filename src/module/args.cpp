@@ -72,3 +72,14 @@ void bind(const char* function, const char* const* params, std::size_t count, st
 }
 
 }  // namespace editor::detail
+
+namespace editor {
+
+void require_str(const char* function, const char* param, PyObject* value, bool none_allowed) {
+    if (PyUnicode_Check(value) || (none_allowed && value == Py_None)) return;
+    PyErr_Format(PyExc_TypeError, "%s() argument '%s' must be str%s, not %s", function, param,
+                 none_allowed ? " or None" : "", value == Py_None ? "None" : Py_TYPE(value)->tp_name);
+    throw PyError::fetch();
+}
+
+}  // namespace editor

@@ -24,6 +24,7 @@ constexpr Binding import(const char* name) { return {Kind::import, name}; }
 constexpr Binding import_from(const char* from, const char* name) { return {Kind::import_from, name, from}; }
 constexpr Binding value(const char* name, Ref (*make)(PyObject*)) { return {Kind::value, name, nullptr, make}; }
 Binding function(PyMethodDef& def) { return {Kind::function, def.ml_name, nullptr, nullptr, &def}; }
+Binding deep_function(PyMethodDef& def) { return {Kind::deep_function, def.ml_name, nullptr, nullptr, &def}; }
 
 const Binding namespace_table[] = {
     import("difflib"),
@@ -40,7 +41,34 @@ const Binding namespace_table[] = {
     value("LEDGER_NAME", ledger_name),
     function(methods::within_root),
     function(methods::resolve_target),
+    function(methods::apply_block),
+    function(methods::first_error_node),
+    function(methods::all_error_nodes),
+    function(methods::treesitter_error),
+    function(methods::treesitter_error_counts),
+    value("_WEB_KIND_LANG", web_kind_lang),
+    value("_WEB_EXT_LANG", web_ext_lang),
+    function(methods::native_language),
+    function(methods::web_error_counts),
+    value("_GCC_DIAG", gcc_diag),
+    value("_JAVAC_DIAG", javac_diag),
+    value("_CPP_SRC_EXT", cpp_src_ext),
+    function(methods::find_exe),
+    function(methods::repo_root),
+    function(methods::cpp_context),
+    value("_PKG_RE", pkg_re),
+    function(methods::java_context),
+    value("_COMPILER_LANGS", compiler_langs),
+    function(methods::compile_errors),
+    value("_PYFLAKES_ERROR_TYPES", pyflakes_error_types),
+    function(methods::pyflakes_errors),
+    function(methods::semantic_errfn),
+    function(methods::semantic_delta_check),
+    function(methods::commit_time_check),
     function(methods::session_diff),
+    deep_function(methods::syntax_check),
+    function(methods::create_file),
+    function(methods::delete_file),
     function(methods::take_snapshot),
     function(methods::rollback_steps),
     function(methods::ledger_load),

@@ -9,6 +9,10 @@ namespace editor::paths {
 // True when `path` is the root itself or lies below it, symbolic links resolved.
 bool within_root(PyObject* module, PyObject* root, PyObject* path);
 
+// The module's current `_within_root(root, path)`, looked up at the call, as a C++ bool: every
+// write asks it about its own target.
+bool confined(PyObject* module, PyObject* root, PyObject* path);
+
 // An absolute path (str) for a model-supplied path, or a refusal dict.
 Ref resolve_target(PyObject* module, PyObject* root, PyObject* path_str, PyObject* known_paths);
 

@@ -1,6 +1,7 @@
 #include <Python.h>
 
 #include "editor/host.hpp"
+#include "editor/result.hpp"
 #include "paths/paths.hpp"
 
 namespace editor::paths {
@@ -34,12 +35,6 @@ Ref hits_for(PyObject* path_str, PyObject* known_paths) {
     return hits;
 }
 
-Ref refusal(Ref message) {
-    Ref result = check(PyDict_New());
-    check(PyDict_SetItemString(result.get(), "error", message.get()));
-    return result;
-}
-
 }  // namespace
 
 Ref resolve_target(PyObject* module, PyObject* root, PyObject* path_str, PyObject* known_paths) {
@@ -60,8 +55,7 @@ Ref resolve_target(PyObject* module, PyObject* root, PyObject* path_str, PyObjec
         return result;
     }
     Ref candidate = call(join.get(), root, path_str);
-    Ref inside = call(ns(module, "_within_root").get(), root, candidate.get());
-    if (!check_bool(PyObject_IsTrue(inside.get()))) {
+    if (!confined(module, root, candidate.get())) {
         return refusal(check(PyUnicode_FromFormat(
             "'%S' is outside the project root -- edits are confined to it", path_str)));
     }

@@ -30,4 +30,9 @@ bool within_root(PyObject* module, PyObject* root, PyObject* path) {
     return check_value(PyUnicode_Tailmatch(p.get(), prefix.get(), 0, PY_SSIZE_T_MAX, -1)) == 1;
 }
 
+bool confined(PyObject* module, PyObject* root, PyObject* path) {
+    Ref inside = call(ns(module, "_within_root").get(), root, path);
+    return check_bool(PyObject_IsTrue(inside.get()));
+}
+
 }  // namespace editor::paths

@@ -3,15 +3,10 @@
 #include <algorithm>
 
 #include "editor/host.hpp"
+#include "editor/unpack.hpp"
 #include "records/objects.hpp"
 
 namespace editor::records {
-
-Ref refusal(Ref message) {
-    Ref result = check(PyDict_New());
-    check(PyDict_SetItemString(result.get(), "error", message.get()));
-    return result;
-}
 
 Py_ssize_t clamped_index(PyObject* number) {
     Ref index = check(PyNumber_Index(number));
@@ -36,13 +31,8 @@ Ref item_pairs(PyObject* mapping) {
     for (Py_ssize_t i = 0; i < PyList_GET_SIZE(items.get()); ++i) {
         PyObject* item = PyList_GET_ITEM(items.get(), i);
         if (PyTuple_CheckExact(item) && PyTuple_GET_SIZE(item) == 2) continue;
-        Ref pair = check(PySequence_Tuple(item));
-        if (PyTuple_GET_SIZE(pair.get()) != 2) {
-            PyErr_Format(PyExc_ValueError, "cannot unpack an item of %T.items() (expected 2, got %zd)",
-                         mapping, PyTuple_GET_SIZE(pair.get()));
-            throw PyError::fetch();
-        }
-        check(PyList_SetItem(items.get(), i, pair.release()));
+        auto [key, value] = unpack<2>(item);
+        check(PyList_SetItem(items.get(), i, check(PyTuple_Pack(2, key.get(), value.get())).release()));
     }
     return items;
 }

@@ -6,9 +6,6 @@
 
 namespace editor::records {
 
-// {"error": message}, a fresh dict.
-Ref refusal(Ref message);
-
 // operator.index(number), clipped to the Py_ssize_t range (a count beyond it behaves as the
 // nearest representable one, as list slicing treats it). TypeError for a non-integer.
 Py_ssize_t clamped_index(PyObject* number);

@@ -3,9 +3,9 @@
 #include <Python.h>
 
 #include "editor/host.hpp"
-#include "records/files.hpp"
 #include "records/objects.hpp"
 #include "records/records.hpp"
+#include "semantic/host_path.hpp"
 
 namespace editor::records {
 namespace {
@@ -13,12 +13,8 @@ namespace {
 // The file's text now; "" when it cannot be read (gone, a directory, no permission), so its
 // whole first-touch text shows as removed. Text that is not UTF-8 still raises.
 Ref text_now(PyObject* module, PyObject* path) {
-    try {
-        return read_text(module, path);
-    } catch (PyError& e) {
-        if (!e.matches(PyExc_OSError)) throw;
-        return check(PyUnicode_FromStringAndSize("", 0));
-    }
+    Ref text = semantic::read_utf8_if_readable(semantic::make_path(module, path).get());
+    return text ? std::move(text) : check(PyUnicode_FromStringAndSize("", 0));
 }
 
 // Lines as str.splitlines() cuts them: at every line boundary the host knows, ends dropped.

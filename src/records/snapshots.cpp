@@ -1,9 +1,10 @@
 #include <Python.h>
 
 #include "editor/host.hpp"
-#include "records/files.hpp"
+#include "editor/result.hpp"
 #include "records/objects.hpp"
 #include "records/records.hpp"
+#include "semantic/host_path.hpp"
 
 namespace editor::records {
 namespace {
@@ -59,21 +60,16 @@ Ref take_snapshot(PyObject* module, PyObject* raw_data, PyObject* abs_path) {
     Ref text = Ref::borrow(Py_None);
     if (abs_path != Py_None) {
         Ref exists = call(ns_attr(module, "os", "path", "exists").get(), abs_path);
-        if (check_bool(PyObject_IsTrue(exists.get()))) text = read_text(module, abs_path);
+        if (check_bool(PyObject_IsTrue(exists.get()))) text = semantic::read_utf8(semantic::make_path(module, abs_path).get());
     }
     Ref ts = call(ns_attr(module, "time", "time").get());
-    Ref record = check(PyDict_New());
-    check(PyDict_SetItemString(record.get(), "ts", ts.get()));
-    check(PyDict_SetItemString(record.get(), "path", abs_path));
-    check(PyDict_SetItemString(record.get(), "text_before", text.get()));
-    // The caller's object itself: the IR is the indexer's and is handed back untouched.
-    check(PyDict_SetItemString(record.get(), "raw", raw_data));
-    return record;
+    // The caller's raw_data itself: the IR is the indexer's and is handed back untouched.
+    return result({{"ts", ts.get()}, {"path", abs_path}, {"text_before", text.get()}, {"raw", raw_data}});
 }
 
 Ref rollback_steps(PyObject* module, PyObject* snapshots, PyObject* steps_arg) {
     const Py_ssize_t steps = clamped_index(steps_arg);
-    if (steps < 1) return refusal(str("steps must be >= 1"));
+    if (steps < 1) return refusal("steps must be >= 1");
     if (!PyList_Check(snapshots)) {
         PyErr_Format(PyExc_TypeError, "snapshots must be a list, not %T", snapshots);
         throw PyError::fetch();
@@ -103,15 +99,11 @@ Ref rollback_steps(PyObject* module, PyObject* snapshots, PyObject* steps_arg) {
             Ref entry = check(PyUnicode_FromFormat("%U (deleted)", snap.path.get()));
             check(PyList_Append(restored.get(), entry.get()));
         } else {
-            Ref file = call(path_type.get(), snap.path.get());
-            write_text(file.get(), snap.text_before.get());
+            semantic::write_utf8(call(path_type.get(), snap.path.get()).get(), snap.text_before.get());
             check(PyList_Append(restored.get(), snap.path.get()));
         }
     }
-    Ref result = check(PyDict_New());
-    check(PyDict_SetItemString(result.get(), "restored", restored.get()));
-    check(PyDict_SetItemString(result.get(), "raw", raw.get()));
-    return result;
+    return result({{"restored", restored.get()}, {"raw", raw.get()}});
 }
 
 }  // namespace editor::records

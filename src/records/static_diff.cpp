@@ -1,6 +1,7 @@
 #include <Python.h>
 
 #include "editor/host.hpp"
+#include "editor/result.hpp"
 #include "records/edge_changes.hpp"
 #include "records/objects.hpp"
 #include "records/records.hpp"
@@ -106,10 +107,8 @@ Ref changed_values(PyObject* before, PyObject* after) {
 }
 
 Ref no_change_note() {
-    Ref note = check(PyDict_New());
     Ref text = str("no structural change (edit was within existing bodies)");
-    check(PyDict_SetItemString(note.get(), "note", text.get()));
-    return note;
+    return result({{"note", text.get()}});
 }
 
 }  // namespace

@@ -1,0 +1,150 @@
+"""commit_time_check over a mixed project, against the same compiler runs from a shell script.
+
+Twenty touched files (C, C++, Java, Python), half of them with an error the session introduced.
+The floor is the work the gate cannot avoid, timed in the same run: a shell script running
+exactly the compiler commands the gate runs (twice for each file with errors, putting the
+earlier text in place and back in between), plus pyflakes run directly on the Python texts.
+"""
+
+import shlex
+import statistics
+import subprocess
+import sys
+import tempfile
+import time
+from pathlib import Path
+
+from harness import row
+
+import editor
+from pyflakes import api
+
+if not hasattr(editor, "_native_language"):
+    sys.exit("editor._native_language is missing: build the module with language detection first")
+
+C_OK = "#include \"common.h\"\n\nint value_{i}(int x)\n{{\n    return scale(x, {i});\n}}\n"
+C_BAD = "#include \"common.h\"\n\nint value_{i}(int x)\n{{\n    return scale(x, factor_{i});\n}}\n"
+CPP_OK = ("#include <string>\n#include <vector>\n#include \"shapes.hpp\"\n\n"
+          "std::string name_{i}(const std::vector<Shape>& s) {{ return std::to_string(s.size() + {i}); }}\n")
+CPP_BAD = ("#include <string>\n#include <vector>\n#include \"shapes.hpp\"\n\n"
+           "std::string name_{i}(const std::vector<Shape>& s) {{ return std::to_string(s.length() + {i}); }}\n")
+JAVA_OK = ("package com.acme.app;\n\nimport com.acme.util.Strings;\n\n"
+           "class Main{i} {{\n    String greet() {{ return Strings.shout(\"hi\"); }}\n}}\n")
+JAVA_BAD = JAVA_OK.replace("Strings.shout", "Strings.whisper")
+PY_OK = "import os\n\n\ndef run_{i}(path):\n    return os.path.join(path, 'x')\n"
+PY_BAD = "import os\n\n\ndef run_{i}(path):\n    return os.path.join(path, helper_{i})\n"
+
+ROUNDS = 7
+
+# (language, count, earlier text, final text with an error); the first half of each kind errs.
+KINDS = [
+    ("c", 6, C_OK, C_BAD, "src/c/file_{i}.c"),
+    ("cpp", 6, CPP_OK, CPP_BAD, "src/cpp/file_{i}.cpp"),
+    ("java", 2, JAVA_OK, JAVA_BAD, "src/main/java/com/acme/app/Main{i}.java"),
+    ("python", 6, PY_OK, PY_BAD, "py/mod_{i}.py"),
+]
+
+
+def make_project(root):
+    for d in (".git", "include", "target/classes", "target/dependency"):
+        (root / d).mkdir(parents=True, exist_ok=True)
+    (root / "include" / "common.h").write_text("int scale(int x, int by);\n")
+    (root / "include" / "shapes.hpp").write_text("struct Shape { int sides; };\n")
+    strings = root / "src/main/java/com/acme/util/Strings.java"
+    strings.parent.mkdir(parents=True)
+    strings.write_text("package com.acme.util;\n\npublic class Strings {\n"
+                       "    public static String shout(String s) { return s.toUpperCase(); }\n}\n")
+    touched = {}
+    for lang, count, ok, bad, pattern in KINDS:
+        for i in range(count):
+            path = root / pattern.format(i=i)
+            path.parent.mkdir(parents=True, exist_ok=True)
+            final = (bad if i < count // 2 else ok).format(i=i)
+            path.write_text(final)
+            touched[str(path)] = (lang, ok.format(i=i), final)
+    return touched
+
+
+def compiler_command(path, lang):
+    cfg = editor._COMPILER_LANGS[lang]
+    exe = editor._find_exe(cfg["exe"])
+    args, cwd = cfg["context"](path)
+    if lang == "java":
+        return cwd, [exe, "-proc:none", "-nowarn", "-d", "$out", *args, path]
+    return cwd, [exe, "-fsyntax-only", cfg["std"], "-w", "-fno-diagnostics-color", *args, path]
+
+
+def floor_script(touched, keep):
+    """Shell lines running each compile the gate makes, with the earlier text in place for the second."""
+    lines = ["set +e"]
+    for path, (lang, earlier, final) in touched.items():
+        if lang == "python":
+            continue
+        cwd, cmd = compiler_command(path, lang)
+        run = " ".join(shlex.quote(a) if a != "$out" else '"$out"' for a in cmd)
+        if lang == "java":
+            run = f'out=$(mktemp -d "${{TMPDIR:-/tmp}}/orvel_jc_XXXXXX"); {run}; rm -rf "$out"'
+        run = f"(cd {shlex.quote(cwd)} && {run}) >/dev/null 2>&1"
+        lines.append(run)
+        if earlier != final:
+            saved = keep / f"{len(lines)}"
+            saved.mkdir()
+            (saved / "earlier").write_text(earlier)
+            (saved / "final").write_text(final)
+            lines += [f"cp {saved}/earlier {shlex.quote(path)}", run, f"cp {saved}/final {shlex.quote(path)}"]
+    return "\n".join(lines) + "\n"
+
+
+class Quiet:
+    def flake(self, m): pass
+    def syntaxError(self, *a): pass
+    def unexpectedError(self, *a): pass
+
+
+def pyflakes_floor(touched):
+    for path, (lang, earlier, final) in touched.items():
+        if lang == "python":
+            api.check(final, path, Quiet())
+            if earlier != final:
+                api.check(earlier, path, Quiet())
+
+
+def timed(fn):
+    start = time.perf_counter()
+    fn()
+    return time.perf_counter() - start
+
+
+def main():
+    with tempfile.TemporaryDirectory(prefix="bench_semantic_") as scratch:
+        root = Path(scratch) / "proj"
+        keep = Path(scratch) / "texts"
+        keep.mkdir()
+        touched = make_project(root)
+        script = Path(scratch) / "floor.sh"
+        script.write_text(floor_script(touched, keep))
+        session = {path: earlier for path, (lang, earlier, final) in touched.items()}
+
+        findings = editor.commit_time_check(session)
+        assert len(findings) == 10, findings
+        for path, (lang, earlier, final) in touched.items():
+            assert Path(path).read_text() == final
+
+        def gate():
+            editor.commit_time_check(session)
+
+        def floor():
+            subprocess.run(["sh", str(script)], check=True)
+            pyflakes_floor(touched)
+
+        # Alternated, so drift in the load of a shared machine falls on both alike.
+        gate_times, floor_times = [], []
+        for _ in range(ROUNDS):
+            gate_times.append(timed(gate))
+            floor_times.append(timed(floor))
+        row("commit_time_check (10 of 20 with errors)", "20 files",
+            statistics.median(gate_times), statistics.median(floor_times))
+
+
+if __name__ == "__main__":
+    main()

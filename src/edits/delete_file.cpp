@@ -1,0 +1,48 @@
+#include <Python.h>
+
+#include "edits/edits.hpp"
+#include "edits/file_io.hpp"
+#include "editor/host.hpp"
+#include "editor/result.hpp"
+#include "paths/paths.hpp"
+
+namespace editor::edits {
+namespace {
+
+// The removal itself, with the host's own functions: rmtree for a directory (which refuses a
+// link to one rather than follow it, and unlinks the links inside a tree without following
+// them), unlink for anything else (a link to a file loses the link, not its target).
+Ref remove(PyObject* module, PyObject* abs_path) {
+    const bool directory = path_is(module, "isdir", abs_path);
+    if (directory) {
+        (void)call(ns_attr(module, "shutil", "rmtree").get(), abs_path);
+    } else {
+        (void)call(ns_attr(module, "os", "unlink").get(), abs_path);
+    }
+    Ref was = str(directory ? "directory" : "file");
+    return result({{"deleted", abs_path}, {"was", was.get()}});
+}
+
+}  // namespace
+
+Ref delete_file(PyObject* module, PyObject* root, PyObject* abs_path) {
+    if (!paths::confined(module, root, abs_path)) return refusal("path escapes the project root");
+    // The root passes the confinement test (it counts as inside), but deleting it would take the
+    // whole project: refused. Asking whether the root lies within the target catches the root
+    // however it is spelled (a trailing "/", ".", a link to it).
+    if (paths::confined(module, abs_path, root)) {
+        return refusal(check(PyUnicode_FromFormat(
+            "%S is the project root -- delete the files and directories inside it instead", abs_path)));
+    }
+    if (!path_is(module, "exists", abs_path)) {
+        return refusal(check(PyUnicode_FromFormat("%S does not exist", abs_path)));
+    }
+    try {
+        return remove(module, abs_path);
+    } catch (const PyError& error) {
+        if (!error.matches(PyExc_OSError)) throw;
+        return refusal(check(PyUnicode_FromFormat("could not delete %S: %S", abs_path, error.value())));
+    }
+}
+
+}  // namespace editor::edits

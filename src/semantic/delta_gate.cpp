@@ -1,0 +1,156 @@
+#include <Python.h>
+
+#include "editor/args.hpp"
+#include "editor/boundary.hpp"
+#include "editor/host.hpp"
+#include "editor/unpack.hpp"
+#include "semantic/finally.hpp"
+#include "semantic/host_path.hpp"
+#include "semantic/semantic.hpp"
+
+namespace editor::semantic {
+namespace {
+
+bool truthy(PyObject* object) { return check_bool(PyObject_IsTrue(object)); }
+
+// errfn(p) for a compiled language. Its `self` is (module, exe, lang, cfg, ctx) as found when the
+// gate reached the file, so the run on the earlier text uses the compiler and build context of
+// the edited one; `_compile_errors` itself is looked up at each call, like any module function.
+Ref compiler_errfn(PyObject* self, const Args& args) {
+    static constexpr Signature<1> sig{"errfn", {"p"}};
+    auto [p] = bind(sig, args);
+    Ref compile_errors = ns(PyTuple_GET_ITEM(self, 0), "_compile_errors");
+    return call(compile_errors.get(), PyTuple_GET_ITEM(self, 1), PyTuple_GET_ITEM(self, 2),
+                PyTuple_GET_ITEM(self, 3), p, PyTuple_GET_ITEM(self, 4));
+}
+
+PyMethodDef compiler_errfn_def = {
+    "errfn", _PyCFunction_CAST(entry<compiler_errfn>), METH_FASTCALL | METH_KEYWORDS,
+    PyDoc_STR("errfn($self, /, p)\n--\n\n"
+              "Compiler errors of the file at p, in the build context found for it.")};
+
+// How often each message occurs; lines play no part, so an error that moved still cancels.
+Ref message_counts(PyObject* errors) {
+    Ref counts = check(PyDict_New());
+    Ref pairs = check(PyObject_GetIter(errors));
+    Ref pair;
+    while (check_bool(PyIter_NextItem(pairs.get(), (pair = Ref()).out()))) {
+        auto [msg, line] = unpack<2>(pair.get());
+        Ref count;
+        const long seen = check_bool(PyDict_GetItemRef(counts.get(), msg.get(), count.out()))
+                              ? check_value(PyLong_AsLong(count.get()))
+                              : 0;
+        check(PyDict_SetItem(counts.get(), msg.get(), check(PyLong_FromLong(seen + 1)).get()));
+    }
+    return counts;
+}
+
+long count_of(PyObject* counts, PyObject* msg) {
+    Ref count;
+    if (!check_bool(PyDict_GetItemRef(counts, msg, count.out()))) return 0;
+    return check_value(PyLong_AsLong(count.get()));
+}
+
+// The first error of `after` whose message occurs more often than in `before`: where a message
+// occurs k times before, its (k+1)-th occurrence now is the one named, with its own line.
+Ref first_new_error(PyObject* label, PyObject* after, PyObject* before) {
+    Ref earlier = message_counts(before);
+    Ref running = check(PyDict_New());
+    Ref pairs = check(PyObject_GetIter(after));
+    Ref pair;
+    while (check_bool(PyIter_NextItem(pairs.get(), (pair = Ref()).out()))) {
+        auto [msg, line] = unpack<2>(pair.get());
+        const long now = count_of(running.get(), msg.get()) + 1;
+        check(PyDict_SetItem(running.get(), msg.get(), check(PyLong_FromLong(now)).get()));
+        if (now > count_of(earlier.get(), msg.get())) {
+            return check(PyUnicode_FromFormat("%S error: %S (line %S)", label, msg.get(), line.get()));
+        }
+    }
+    return Ref::borrow(Py_None);
+}
+
+// The base name whatever the separator: backslashes count as "/".
+Ref display_name(PyObject* abs_path) {
+    Ref backslash = str("\\");
+    Ref slash = str("/");
+    Ref forward = call_method(abs_path, "replace", backslash.get(), slash.get());
+    Ref parts = check(PyUnicode_RSplit(forward.get(), slash.get(), 1));
+    return Ref::borrow(PyList_GET_ITEM(parts.get(), PyList_GET_SIZE(parts.get()) - 1));
+}
+
+bool still_exists(PyObject* module, PyObject* abs_path) {
+    try {
+        return truthy(call(ns_attr(module, "os", "path", "exists").get(), abs_path).get());
+    } catch (PyError& error) {
+        if (!error.matches(PyExc_OSError)) throw;
+        return false;
+    }
+}
+
+}  // namespace
+
+Ref semantic_errfn(PyObject* module, PyObject* abs_path, PyObject* lang) {
+    Ref languages = ns(module, "_COMPILER_LANGS");
+    if (check_bool(PySequence_Contains(languages.get(), lang))) {
+        Ref cfg = check(PyObject_GetItem(languages.get(), lang));
+        Ref candidates = check(PyMapping_GetItemString(cfg.get(), "exe"));
+        Ref exe = call(ns(module, "_find_exe").get(), candidates.get());
+        if (exe.get() == Py_None) return Ref::borrow(Py_None);
+        Ref context = check(PyMapping_GetItemString(cfg.get(), "context"));
+        Ref ctx = call(context.get(), abs_path);
+        if (ctx.get() == Py_None) return Ref::borrow(Py_None);
+        Ref closure = check(PyTuple_Pack(5, module, exe.get(), lang, cfg.get(), ctx.get()));
+        Ref module_name = check(PyModule_GetNameObject(module));
+        Ref errfn = check(PyCFunction_NewEx(&compiler_errfn_def, closure.get(), module_name.get()));
+        Ref label = check(PyMapping_GetItemString(cfg.get(), "label"));
+        return check(PyTuple_Pack(2, label.get(), errfn.get()));
+    }
+    Ref python = str("python");
+    if (check_bool(PyObject_RichCompareBool(lang, python.get(), Py_EQ))) {
+        return check(PyTuple_Pack(2, python.get(), ns(module, "_pyflakes_errors").get()));
+    }
+    return Ref::borrow(Py_None);
+}
+
+Ref semantic_delta_check(PyObject* module, PyObject* abs_path, PyObject* lang, PyObject* before_text) {
+    if (before_text == Py_None) return Ref::borrow(Py_None);
+    Ref resolved = call(ns(module, "_semantic_errfn").get(), abs_path, lang);
+    if (resolved.get() == Py_None) return Ref::borrow(Py_None);
+    auto [label, errfn] = unpack<2>(resolved.get());
+    // A clean file, or one that cannot be evaluated, costs one run.
+    Ref after = call(errfn.get(), abs_path);
+    if (!truthy(after.get())) return Ref::borrow(Py_None);
+    Ref path = make_path(module, abs_path);
+    Ref current = read_utf8_if_readable(path.get());
+    if (!current) return Ref::borrow(Py_None);
+    // The earlier text is judged at the same path, so includes, packages and class paths
+    // resolve as they do for the current one; the current text goes back on every path.
+    Ref before = with_finally(
+        [&] {
+            write_utf8(path.get(), before_text);
+            return call(errfn.get(), abs_path);
+        },
+        [&] { write_utf8(path.get(), current.get()); });
+    if (before.get() == Py_None) return Ref::borrow(Py_None);
+    return first_new_error(label.get(), after.get(), before.get());
+}
+
+Ref commit_time_check(PyObject* module, PyObject* touched) {
+    Ref results = check(PyList_New(0));
+    Ref entries = check(PyObject_GetIter(call_method(touched, "items").get()));
+    Ref entry;
+    while (check_bool(PyIter_NextItem(entries.get(), (entry = Ref()).out()))) {
+        auto [abs_path, before_text] = unpack<2>(entry.get());
+        if (!still_exists(module, abs_path.get())) continue;
+        Ref suffix = lower_suffix(make_path(module, abs_path.get()).get());
+        Ref lang = call(ns(module, "_native_language").get(), suffix.get());
+        if (lang.get() == Py_None) continue;
+        Ref err = call(ns(module, "_semantic_delta_check").get(), abs_path.get(), lang.get(), before_text.get());
+        if (!PyUnicode_Check(err.get()) || PyUnicode_GET_LENGTH(err.get()) == 0) continue;
+        Ref name = display_name(abs_path.get());
+        check(PyList_Append(results.get(), check(PyUnicode_FromFormat("%U: %U", name.get(), err.get())).get()));
+    }
+    return results;
+}
+
+}  // namespace editor::semantic

@@ -1,0 +1,101 @@
+import pytest
+
+import editor
+from semantic_helpers import repository, script, write
+
+
+def test_compiler_table_holds_the_module_objects():
+    langs = editor._COMPILER_LANGS
+    assert list(langs) == ["cpp", "c", "java"]
+    assert all(list(entry) == ["exe", "std", "diag", "context", "label"] for entry in langs.values())
+    assert langs["cpp"]["diag"] is editor._GCC_DIAG is langs["c"]["diag"]
+    assert langs["cpp"]["context"] is editor._cpp_context is langs["c"]["context"]
+    assert langs["java"]["diag"] is editor._JAVAC_DIAG and langs["java"]["context"] is editor._java_context
+    assert langs["java"]["std"] is None and langs["cpp"]["label"] == "c++"
+
+
+def test_find_exe_takes_the_first_candidate_on_the_path(tmp_path, monkeypatch):
+    bin_dir = tmp_path / "bin"
+    clang = script(bin_dir, "clang++", "exit 0\n")
+    (bin_dir / "g++").write_text("not executable")
+    monkeypatch.setenv("PATH", str(bin_dir))
+    assert editor._find_exe(("c++", "g++", "clang++")) == str(clang)
+    assert editor._find_exe(()) is None and editor._find_exe(("g++", "no-such-cc")) is None
+
+
+@pytest.mark.parametrize("marker_is_file", [False, True])
+def test_repo_root_walks_at_most_fifty_directories(tmp_path, marker_is_file):
+    if marker_is_file:  # a worktree's ".git" is a file
+        (tmp_path / ".git").write_text("gitdir: /elsewhere\n")
+    else:
+        (tmp_path / ".git").mkdir()
+    reach = tmp_path.joinpath(*["d"] * 49)  # the 50th directory examined holds the marker
+    beyond = reach / "d"
+    beyond.mkdir(parents=True)
+    assert editor._repo_root(reach / "x.c") == tmp_path
+    assert editor._repo_root(reach) == tmp_path
+    assert editor._repo_root(beyond / "x.c") == beyond
+    assert editor._repo_root(tmp_path.parent / "lonely.c") == tmp_path.parent
+
+
+@pytest.mark.parametrize(
+    "relative, dirs",
+    [
+        ("main.c", ["", "include", "src"]),  # the root's pair comes once
+        ("src/Foo.C", ["", "include", "src"]),
+        ("lib/deep/x.C++", ["", "include", "src", "lib/deep"]),
+        ("lib/a.CPP", ["", "lib"]),  # no include/ or src/ in this checkout
+        ("lib/a.h", None),
+        ("lib/a.HPP", None),
+        ("lib/a.inl", None),
+    ],
+)
+def test_cpp_context(tmp_path, relative, dirs):
+    root = tmp_path / "repo"
+    (root / ".git").mkdir(parents=True)
+    if "include" in (dirs or []):
+        repository(root)
+    target = write(root / relative, "int x;\n")
+    expected = None
+    if dirs is not None:
+        expected = ([item for d in dirs for item in ("-I", str(root / d) if d else str(root))], str(root))
+    assert editor._cpp_context(str(target)) == expected
+
+
+def test_java_context_of_a_maven_layout(tmp_path):
+    root = repository(tmp_path / "app")
+    (root / "target" / "classes").mkdir(parents=True)
+    (root / "build" / "classes" / "java" / "main").mkdir(parents=True)
+    deps = root / "target" / "dependency"
+    deps.mkdir()
+    for name in ("a.jar", "b.jar", "notes.txt"):
+        (deps / name).write_bytes(b"")
+    source = write(root / "src/main/java/com/acme/util/Strings.java", "package com.acme.util;\nclass Strings {}\n")
+    cp = [str(root / "target/classes"), str(root / "build/classes/java/main"), *map(str, deps.glob("*.jar"))]
+    assert editor._java_context(str(source)) == (
+        ["-sourcepath", str(root / "src/main/java"), "-cp", ":".join(cp)], str(root))
+
+
+@pytest.mark.parametrize(
+    "relative, text, source_root",
+    [
+        ("x/y/Foo.java", "package com.acme;\nclass Foo {}\n", "x/y"),  # stops at y != acme
+        ("x/y/Foo.java", "class Foo {}\n", "x/y"),
+        ("src/acme/Foo.java", "// acme\n  package acme ;\n", "src"),
+        ("pkg/a/b/Foo.JAVA", "/*\n package a.b;\n*/\npackage other;\n", "pkg"),  # first match, even in a comment
+    ],
+)
+def test_java_context_source_path(tmp_path, relative, text, source_root):
+    root = repository(tmp_path / "r")
+    source = write(root / relative, text)
+    assert editor._java_context(str(source)) == (["-sourcepath", str(root / source_root)], str(root))
+
+
+def test_java_context_refusals_and_decoding_errors(tmp_path):
+    assert editor._java_context(str(write(tmp_path / "Foo.kt", "class Foo"))) is None
+    assert editor._java_context(str(tmp_path / "Missing.java")) is None
+    (tmp_path / "Dir.java").mkdir()
+    assert editor._java_context(str(tmp_path / "Dir.java")) is None
+    (tmp_path / "Latin.java").write_bytes(b"class Latin { String s = \"\xe9\"; }\n")
+    with pytest.raises(UnicodeDecodeError):
+        editor._java_context(str(tmp_path / "Latin.java"))
