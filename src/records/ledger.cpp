@@ -9,7 +9,7 @@
 #include "editor/result.hpp"
 #include "records/objects.hpp"
 #include "records/records.hpp"
-#include "semantic/host_path.hpp"
+#include "editor/pathlib.hpp"
 
 namespace editor::records {
 namespace {
@@ -31,7 +31,7 @@ void write_ledger(PyObject* module, PyObject* root, PyObject* steps) {
     Ref document = result({{"steps", steps}});
     Ref indent = check(PyLong_FromLong(1));
     Ref text = call_kw(ns_attr(module, "json", "dumps").get(), {document.get()}, {{"indent", indent.get()}});
-    semantic::write_utf8(target.get(), text.get());
+    write_utf8(target.get(), text.get());
 }
 
 // {**entry}: the host's message when entry is not a mapping.
@@ -54,7 +54,7 @@ Ref ledger_load(PyObject* module, PyObject* root) {
     Ref exists = call(ns_attr(module, "os", "path", "exists").get(), path.get());
     if (!check_bool(PyObject_IsTrue(exists.get()))) return check(PyList_New(0));
     try {
-        Ref text = semantic::read_utf8(semantic::make_path(module, path.get()).get());
+        Ref text = read_utf8(make_path(module, path.get()).get());
         Ref document = call(ns_attr(module, "json", "loads").get(), text.get());
         Ref key = str("steps");
         return check(PyObject_GetItem(document.get(), key.get()));

@@ -5,7 +5,7 @@
 #include "editor/host.hpp"
 #include "records/objects.hpp"
 #include "records/records.hpp"
-#include "semantic/host_path.hpp"
+#include "editor/pathlib.hpp"
 
 namespace editor::records {
 namespace {
@@ -13,7 +13,7 @@ namespace {
 // The file's text now; "" when it cannot be read (gone, a directory, no permission), so its
 // whole first-touch text shows as removed. Text that is not UTF-8 still raises.
 Ref text_now(PyObject* module, PyObject* path) {
-    Ref text = semantic::read_utf8_if_readable(semantic::make_path(module, path).get());
+    Ref text = read_utf8_if_readable(make_path(module, path).get());
     return text ? std::move(text) : check(PyUnicode_FromStringAndSize("", 0));
 }
 

@@ -4,7 +4,7 @@
 #include "editor/result.hpp"
 #include "records/objects.hpp"
 #include "records/records.hpp"
-#include "semantic/host_path.hpp"
+#include "editor/pathlib.hpp"
 
 namespace editor::records {
 namespace {
@@ -60,7 +60,7 @@ Ref take_snapshot(PyObject* module, PyObject* raw_data, PyObject* abs_path) {
     Ref text = Ref::borrow(Py_None);
     if (abs_path != Py_None) {
         Ref exists = call(ns_attr(module, "os", "path", "exists").get(), abs_path);
-        if (check_bool(PyObject_IsTrue(exists.get()))) text = semantic::read_utf8(semantic::make_path(module, abs_path).get());
+        if (check_bool(PyObject_IsTrue(exists.get()))) text = read_utf8(make_path(module, abs_path).get());
     }
     Ref ts = call(ns_attr(module, "time", "time").get());
     // The caller's raw_data itself: the IR is the indexer's and is handed back untouched.
@@ -99,7 +99,7 @@ Ref rollback_steps(PyObject* module, PyObject* snapshots, PyObject* steps_arg) {
             Ref entry = check(PyUnicode_FromFormat("%U (deleted)", snap.path.get()));
             check(PyList_Append(restored.get(), entry.get()));
         } else {
-            semantic::write_utf8(call(path_type.get(), snap.path.get()).get(), snap.text_before.get());
+            write_utf8(call(path_type.get(), snap.path.get()).get(), snap.text_before.get());
             check(PyList_Append(restored.get(), snap.path.get()));
         }
     }
