@@ -103,6 +103,16 @@ def test_link_inside_the_root_is_returned_as_written(project):
     assert editor.resolve_target(str(project), "in_link/new.py", []) == str(project / "in_link" / "new.py")
 
 
+class OddLower(str):
+    """A str whose matching form is not a str."""
+
+    def replace(self, old, new):
+        return self
+
+    def lower(self):
+        return 12345
+
+
 @pytest.mark.parametrize(
     ("call", "error"),
     [
@@ -114,6 +124,7 @@ def test_link_inside_the_root_is_returned_as_written(project):
         (lambda: editor.resolve_target("/r", "a.py", ["a.py", 7]), AttributeError),
         (lambda: editor.resolve_target("/r", "a.py", None), TypeError),
         (lambda: editor.resolve_target(None, "a.py", ["a.py"]), TypeError),
+        (lambda: editor.resolve_target("/r", OddLower("a.py"), ["x.py"]), TypeError),
     ],
 )
 def test_bad_input_raises_the_host_exception(call, error):

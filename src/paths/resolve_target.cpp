@@ -20,15 +20,22 @@ Ref matching_form(PyObject* path) {
 
 Ref hits_for(PyObject* path_str, PyObject* known_paths) {
     Ref needle = matching_form(path_str);
-    Ref suffix = check(PyUnicode_FromFormat("/%U", needle.get()));
+    Ref slash = str("/");
+    // "/" + needle, made when an entry first needs it. A str subclass may answer lower() with
+    // anything: the concatenation refuses a needle that is not a str with the host's TypeError.
+    Ref suffix;
     Ref hits = check(PyList_New(0));
     Ref entries = check(PyObject_GetIter(known_paths));
     Ref entry;
     while (check_bool(PyIter_NextItem(entries.get(), (entry = Ref()).out()))) {
         Ref form = matching_form(entry.get());
         // An exact match and a suffix match at a "/" boundary count alike.
-        if (check_bool(PyObject_RichCompareBool(form.get(), needle.get(), Py_EQ)) ||
-            check_value(PyUnicode_Tailmatch(form.get(), suffix.get(), 0, PY_SSIZE_T_MAX, 1)) == 1) {
+        if (check_bool(PyObject_RichCompareBool(form.get(), needle.get(), Py_EQ))) {
+            check(PyList_Append(hits.get(), entry.get()));
+            continue;
+        }
+        if (!suffix) suffix = check(PyUnicode_Concat(slash.get(), needle.get()));
+        if (check_value(PyUnicode_Tailmatch(form.get(), suffix.get(), 0, PY_SSIZE_T_MAX, 1)) == 1) {
             check(PyList_Append(hits.get(), entry.get()));
         }
     }
