@@ -1,12 +1,16 @@
-"""Path resolution and confinement on a copy of the bundled sample project.
+"""The main job, end to end: a scripted agent session on a copy of the bundled sample project.
 
-Copies demo/sample_project to a temporary directory, then resolves the paths a model might
-write: file ids, basenames, backslash paths, new files, and escapes (including a symbolic link
-that leads out of the project), printing what the module answers for each.
+Every step goes the road a host takes: resolve the path, snapshot, edit, read the receipt
+(replaced lines, syntax verdict), re-index, static diff, ledger entry. The session ends with
+the commit-time check, the session diff, the ledger, and a two-step rollback.
+
+Run with `make demo`. Nothing outside a temporary directory is touched.
 """
 
+import json
 import os
 import shutil
+import subprocess
 import sys
 import tempfile
 from pathlib import Path
@@ -14,57 +18,102 @@ from pathlib import Path
 HERE = Path(__file__).resolve().parent
 sys.path[:0] = [str(HERE.parent / "host"), str(HERE.parent / "build")]
 
-import editor  # noqa: E402
+from session import Session  # noqa: E402
 
 
 def section(title):
-    print(f"\n== {title} " + "=" * max(0, 70 - len(title)))
+    print(f"\n== {title} " + "=" * max(0, 74 - len(title)))
 
 
-def known_files(root):
-    return sorted(p.relative_to(root).as_posix() for p in root.rglob("*") if p.is_file())
+def show(result):
+    print("   " + json.dumps(result, indent=1).replace("\n", "\n   "))
+    return result
 
 
-def show(root, path_str, known):
-    answer = editor.resolve_target(str(root), path_str, known)
-    if isinstance(answer, dict):
-        print(f"  {path_str!r:36} -> refused: {answer['error']}")
-        for candidate in answer.get("candidates", []):
-            print(f"  {'':36}    candidate: {candidate}")
-    else:
-        print(f"  {path_str!r:36} -> {os.path.relpath(answer, root)}")
+def copy_sample(scratch):
+    """The sample project in `scratch`, marked as a repository so compilers find its headers."""
+    root = Path(scratch) / "sample_project"
+    shutil.copytree(HERE / "sample_project", root)
+    subprocess.run(["git", "init", "-q", str(root)], check=True)
+    return root
+
+
+def scripted_session(root):
+    """Runs the demo's session on `root`, printing as it goes; returns the key results."""
+    s = Session(str(root))
+    results = {}
+
+    section("An ambiguous file name is refused with its candidates")
+    print("   edit util.py line 1")
+    results["ambiguous"] = show(s.edit("util.py", 1, None, "def round_money(amount):"))
+
+    section("A line edit: its receipt echoes what it replaced")
+    print("   edit models.py line 3 -> MAX_ITEMS = 800")
+    results["line_edit"] = show(s.edit("models.py", 3, None, "MAX_ITEMS = 800\n"))
+
+    section("An anchor edit: addressed by quoting the text instead of counting lines")
+    print("   replace the line holding 'def render(warehouse, page_size=20):'")
+    results["anchor_edit"] = show(s.edit("report.py", None, None, "def render(warehouse, page_size=50):\n",
+                                         anchor="def render(warehouse, page_size=20):"))
+
+    section("A mis-aimed edit breaks the syntax: reported, then rolled back")
+    print("   edit pricing.py line 7 -> 'def net_value(warehouse:'")
+    broken = s.edit("pricing.py", 7, None, "def net_value(warehouse:\n")
+    print(f"   syntax: {broken['syntax']}")
+    print(f"   replaced: {broken['replaced']}")
+    results["broken"] = broken
+    print("   rollback 1 step")
+    results["undo_broken"] = show(s.rollback(1))
+
+    section("A new file")
+    results["created"] = show(s.create("inventory/discounts.py",
+                                       "from .util import round_money\n\n\n"
+                                       "def discounted(amount, percent):\n"
+                                       "    return round_money(amount * (1 - percent / 100))\n"))
+
+    section("Edits the commit-time check should catch")
+    print("   report.py: call a helper that does not exist")
+    show(s.edit("report.py", None, None,
+                "    return f\"<style>{REPORT_STYLE}</style>\" + \"\".join(pages) + format_total(warehouse)\n",
+                anchor="    return f\"<style>{REPORT_STYLE}</style>\""))
+    print("   checksum.c: use an undeclared identifier")
+    show(s.edit("checksum.c", 9, None, "        b = (b + a + carry) % 65521u;\n"))
+
+    section("Commit-time check: only the errors this session introduced")
+    findings = s.commit_check()
+    results["findings"] = findings
+    for finding in findings:
+        print(f"   {finding}")
+
+    section("Session diff: everything this session changed")
+    results["diff"] = s.diff()
+    print("   " + results["diff"].replace("\n", "\n   "))
+
+    section("The ledger")
+    ledger_path = Path(s.ledger_path())
+    print(f"   {ledger_path}")
+    results["ledger"] = s.ledger()
+    for step in results["ledger"]:
+        flag = "  (rolled back)" if step.get("rolled_back") else ""
+        where = f" at line {step['at']}" if "at" in step else ""
+        print(f"   {step['n']}. {step['tool']} {step['file']}{where}: syntax {step['syntax']}{flag}")
+
+    section("Roll back two steps")
+    results["rollback"] = show(s.rollback(2))
+    print(f"   ledger flags: {[(st['n'], bool(st.get('rolled_back'))) for st in s.ledger()]}")
+    results["findings_after_rollback"] = s.commit_check()
+    print(f"   commit-time check now: {results['findings_after_rollback'] or 'clean'}")
+    results["session"] = s
+    return results
 
 
 def main():
     with tempfile.TemporaryDirectory(prefix="editor-demo-") as scratch:
-        root = Path(scratch) / "sample_project"
-        shutil.copytree(HERE / "sample_project", root)
-        outside = Path(scratch) / "outside"
-        outside.mkdir()
-        (root / "escape").symlink_to(outside, target_is_directory=True)
-        known = known_files(root)
-
-        section("The project the index knows")
-        for entry in known:
-            print(f"  {entry}")
-
-        section("Resolving what a model wrote")
-        for path_str in ["pricing.py", "INVENTORY/Models.py", "native\\src\\checksum.c",
-                         "Stock.java", "inventory/new_module.py"]:
-            show(root, path_str, known)
-
-        section("Ambiguous names are refused with the candidates")
-        show(root, "util.py", known)
-
-        section("Nothing outside the root")
-        for path_str in ["../outside/notes.txt", str(outside / "notes.txt"), "escape/notes.txt"]:
-            show(root, path_str, known)
-
-        section("The confinement test itself")
-        for path in [root, root / "inventory" / "models.py", Path(str(root) + "2") / "x.py",
-                     root / "escape" / "notes.txt"]:
-            inside = editor._within_root(str(root), str(path))
-            print(f"  {os.path.relpath(path, scratch):36} inside: {inside}")
+        # The ledger lives in the project's state directory: keep it inside the scratch space.
+        os.environ["EDITOR_STATE_HOME"] = os.path.join(scratch, "state")
+        root = copy_sample(scratch)
+        print(f"A copy of the sample project: {root}")
+        scripted_session(root)
 
 
 if __name__ == "__main__":

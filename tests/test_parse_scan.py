@@ -29,6 +29,14 @@ def test_a_tree_100000_levels_deep_is_walked_without_recursion():
     assert editor._first_error_node(tree).start_point == (99, 0) and len(out) == 1
 
 
+def test_children_leading_back_to_their_node_end_in_recursion_error_not_a_hang():
+    loop = SimpleNamespace(type="x", is_missing=False, has_error=True, start_point=(0, 0))
+    loop.children = [loop]
+    with pytest.raises(RecursionError):
+        editor._first_error_node(loop)
+    assert editor._treesitter_error("python", "x = (") == (1, UNEXPECTED)
+
+
 def test_first_hit_stops_pulling_children_and_out_needs_only_append():
     pulled = []
 

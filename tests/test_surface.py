@@ -51,7 +51,7 @@ NAMESPACE = [
 ]
 ORDER = [name for name, _ in NAMESPACE]
 BOUND = [name for name in vars(editor) if not (name.startswith("__") and name.endswith("__"))]
-FUNCTIONS = [(name, sig) for name, sig in NAMESPACE if sig is not None and name in BOUND]
+FUNCTIONS = [(name, sig) for name, sig in NAMESPACE if sig is not None]
 
 
 def stub_signatures():
@@ -68,9 +68,8 @@ def stub_signatures():
     return found
 
 
-def test_names_are_bound_in_namespace_order():
-    assert BOUND == [name for name in ORDER if name in BOUND]
-    assert BOUND[:14] == ORDER[:14]
+def test_every_name_is_bound_in_namespace_order():
+    assert BOUND == ORDER
 
 
 def test_imports_and_constants():

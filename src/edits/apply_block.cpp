@@ -11,6 +11,7 @@
 #include "edits/file_io.hpp"
 #include "edits/line_layout.hpp"
 #include "editor/host.hpp"
+#include "editor/pathlib.hpp"
 #include "editor/result.hpp"
 #include "paths/paths.hpp"
 
@@ -129,7 +130,7 @@ Ref apply_block(PyObject* module, const BlockEdit& edit) {
         return refusal(check(PyUnicode_FromFormat(
             "unknown mode '%S' (replace | insert_before | insert_after)", edit.mode)));
     }
-    Ref text = read_text(module, edit.abs_path);
+    Ref text = read_utf8(make_path(module, edit.abs_path).get());
     const std::string_view utf8 = utf8_of(text.get());
 
     Ref start_given = Ref::borrow(edit.start_line);

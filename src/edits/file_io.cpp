@@ -63,12 +63,6 @@ bool path_is(PyObject* module, const char* test, PyObject* path) {
     return check_bool(PyObject_IsTrue(answer.get()));
 }
 
-Ref read_text(PyObject* module, PyObject* path) {
-    Ref file = call(ns(module, "Path").get(), path);
-    Ref encoding = str("utf-8");
-    return call_kw(attr(file.get(), "read_text").get(), {}, {{"encoding", encoding.get()}});
-}
-
 std::string_view utf8_of(PyObject* text) {
     Py_ssize_t size = 0;
     const char* data = PyUnicode_AsUTF8AndSize(text, &size);

@@ -13,10 +13,6 @@ namespace editor::edits {
 // `os.path.<test>(path)` of the module's current `os` ("exists", "isdir"), as a C++ bool.
 bool path_is(PyObject* module, const char* test, PyObject* path);
 
-// The whole file as the host reads text: strict UTF-8, universal newlines ("\r\n" and "\r"
-// become "\n"). The host's exceptions (a directory, no permission, bad UTF-8) propagate.
-Ref read_text(PyObject* module, PyObject* path);
-
 // The UTF-8 bytes of a str, valid while the str lives. Raises the host's UnicodeEncodeError for
 // text UTF-8 cannot hold (lone surrogates).
 std::string_view utf8_of(PyObject* text);

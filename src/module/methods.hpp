@@ -29,4 +29,13 @@ extern PyMethodDef semantic_errfn;
 extern PyMethodDef semantic_delta_check;
 extern PyMethodDef commit_time_check;
 
+// Session records (records_methods.cpp).
+extern PyMethodDef session_diff;
+extern PyMethodDef take_snapshot;
+extern PyMethodDef rollback_steps;
+extern PyMethodDef ledger_load;
+extern PyMethodDef ledger_append;
+extern PyMethodDef ledger_mark_rolled_back;
+extern PyMethodDef static_diff;
+
 }  // namespace editor::methods

@@ -65,9 +65,16 @@ const Binding namespace_table[] = {
     function(methods::semantic_errfn),
     function(methods::semantic_delta_check),
     function(methods::commit_time_check),
+    function(methods::session_diff),
     deep_function(methods::syntax_check),
     function(methods::create_file),
     function(methods::delete_file),
+    function(methods::take_snapshot),
+    function(methods::rollback_steps),
+    function(methods::ledger_load),
+    function(methods::ledger_append),
+    function(methods::ledger_mark_rolled_back),
+    function(methods::static_diff),
 };
 
 // `from <from> import <name>`, with the ImportError text and attributes the host's own

@@ -27,6 +27,20 @@ struct NodeMembers {
 
 enum class Visit { error, clean, descend };
 
+// Far deeper than any text a parser accepts nests, yet a bound: node objects whose children lead
+// back to themselves would otherwise grow the walk until memory ran out. Past it the scan raises
+// the host's RecursionError, as a recursive walk would have long before.
+constexpr std::size_t max_depth = 1'000'000;
+
+void descend(std::vector<Ref>& pending, Ref children) {
+    if (pending.size() == max_depth) {
+        raise(PyExc_RecursionError, "maximum depth exceeded while scanning a parse tree");
+    }
+    // A long walk over host objects stays interruptible.
+    if (PyErr_CheckSignals() < 0) throw PyError::fetch();
+    pending.push_back(std::move(children));
+}
+
 // The test a node gets before anything below it: an ERROR node, then a missing node, then the
 // pruning flag. On `descend`, `children` holds an iterator over the node's children.
 Visit visit(const NodeMembers& members, PyObject* node, Ref& children) {
@@ -50,7 +64,7 @@ void walk(PyObject* root, OnError on_error) {
     switch (visit(members, root, children)) {
         case Visit::error: on_error(root); return;
         case Visit::clean: return;
-        case Visit::descend: pending.push_back(std::move(children)); break;
+        case Visit::descend: descend(pending, std::move(children)); break;
     }
     while (!pending.empty()) {
         Ref child;
@@ -63,7 +77,7 @@ void walk(PyObject* root, OnError on_error) {
                 if (on_error(child.get())) return;
                 break;
             case Visit::clean: break;
-            case Visit::descend: pending.push_back(std::move(children)); break;
+            case Visit::descend: descend(pending, std::move(children)); break;
         }
     }
 }

@@ -10,6 +10,7 @@
 #include <tuple>
 
 #include "editor/host.hpp"
+#include "editor/pathlib.hpp"
 #include "editor/unpack.hpp"
 #include "parse/parse.hpp"
 
@@ -28,18 +29,6 @@ Ref fstring(const char* format, Objects... fields) {
 Ref ok() { return str("ok"); }
 
 bool truthy(PyObject* value) { return check_bool(PyObject_IsTrue(value)); }
-
-// path.read_text(encoding="utf-8"); an empty Ref when the file cannot be read (gone, a
-// directory, no permission). A file that is not UTF-8 raises the host's decoding error.
-Ref read_text(PyObject* path) {
-    Ref encoding = str("utf-8");
-    try {
-        return call_kw(attr(path, "read_text").get(), {}, {{"encoding", encoding.get()}});
-    } catch (PyError& error) {
-        if (!error.matches(PyExc_OSError)) throw;
-        return Ref();
-    }
-}
 
 // `compile` as the module body's code would find it: a module global first, then the builtins.
 Ref host_compile(PyObject* module) {
@@ -121,7 +110,7 @@ Ref check_native(PyObject* module, PyObject* lang, PyObject* after, PyObject* be
 
 Ref syntax_check(PyObject* module, PyObject* abs_path, PyObject* before_text) {
     Ref path = call(ns(module, "Path").get(), abs_path);
-    Ref after = read_text(path.get());
+    Ref after = read_utf8_if_readable(path.get());
     if (!after) return Ref::borrow(Py_None);
     Ref suffix = attr(path.get(), "suffix");
     Ref ext = call_method(suffix.get(), "lower");

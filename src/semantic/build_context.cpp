@@ -1,7 +1,7 @@
 #include <Python.h>
 
 #include "editor/host.hpp"
-#include "semantic/host_path.hpp"
+#include "editor/pathlib.hpp"
 #include "semantic/semantic.hpp"
 
 namespace editor::semantic {

@@ -5,7 +5,7 @@
 #include "editor/host.hpp"
 #include "editor/unpack.hpp"
 #include "semantic/finally.hpp"
-#include "semantic/host_path.hpp"
+#include "editor/pathlib.hpp"
 #include "semantic/semantic.hpp"
 
 namespace editor::semantic {

@@ -3,7 +3,7 @@
 #include "editor/args.hpp"
 #include "editor/boundary.hpp"
 #include "editor/host.hpp"
-#include "semantic/host_path.hpp"
+#include "editor/pathlib.hpp"
 #include "semantic/semantic.hpp"
 
 namespace editor::semantic {

@@ -1,12 +1,12 @@
-// The few pathlib operations the semantic checks use, through the host's own `Path` (the
-// module's current binding), so suffixes, joins, globbing and text I/O behave exactly as the
-// host's do.
+// The pathlib operations the subsystems share, through the host's own `Path` (the module's
+// current binding), so suffixes, joins and text I/O behave exactly as the host's do: strict
+// UTF-8 and universal newlines on reads.
 #pragma once
 #include <Python.h>
 
 #include "editor/host.hpp"
 
-namespace editor::semantic {
+namespace editor {
 
 [[nodiscard]] inline Ref make_path(PyObject* module, PyObject* path) {
     return call(ns(module, "Path").get(), path);
@@ -55,4 +55,4 @@ inline void write_utf8(PyObject* path, PyObject* text) {
     (void)call_kw(attr(path, "write_text").get(), {text}, {{"encoding", encoding.get()}});
 }
 
-}  // namespace editor::semantic
+}  // namespace editor

@@ -1,0 +1,50 @@
+#include <Python.h>
+
+#include <algorithm>
+
+#include "editor/host.hpp"
+#include "editor/unpack.hpp"
+#include "records/objects.hpp"
+
+namespace editor::records {
+
+Py_ssize_t clamped_index(PyObject* number) {
+    Ref index = check(PyNumber_Index(number));
+    // With no overflow exception given, the value is clipped and no error can be set.
+    return PyNumber_AsSsize_t(index.get(), nullptr);
+}
+
+Ref base_name(PyObject* text) {
+    if (!PyUnicode_Check(text)) {
+        PyErr_Format(PyExc_TypeError, "expected a str path or id, not %T", text);
+        throw PyError::fetch();
+    }
+    const Py_ssize_t length = PyUnicode_GET_LENGTH(text);
+    const Py_ssize_t slash = check_find(PyUnicode_FindChar(text, '/', 0, length, -1));
+    const Py_ssize_t backslash = check_find(PyUnicode_FindChar(text, '\\', 0, length, -1));
+    return check(PyUnicode_Substring(text, std::max(slash, backslash) + 1, length));
+}
+
+Ref item_pairs(PyObject* mapping) {
+    if (PyDict_CheckExact(mapping)) return check(PyDict_Items(mapping));
+    Ref items = check(PySequence_List(call_method(mapping, "items").get()));
+    for (Py_ssize_t i = 0; i < PyList_GET_SIZE(items.get()); ++i) {
+        PyObject* item = PyList_GET_ITEM(items.get(), i);
+        if (PyTuple_CheckExact(item) && PyTuple_GET_SIZE(item) == 2) continue;
+        auto [key, value] = unpack<2>(item);
+        check(PyList_SetItem(items.get(), i, check(PyTuple_Pack(2, key.get(), value.get())).release()));
+    }
+    return items;
+}
+
+Ref get_or(PyObject* mapping, const char* key, Ref fallback) {
+    if (PyDict_CheckExact(mapping)) {
+        Ref value;
+        return check_bool(PyDict_GetItemStringRef(mapping, key, value.out())) ? std::move(value)
+                                                                              : std::move(fallback);
+    }
+    Ref name = str(key);
+    return call_method(mapping, "get", name.get(), fallback.get());
+}
+
+}  // namespace editor::records

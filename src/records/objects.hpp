@@ -1,0 +1,23 @@
+// Small operations on the host's plain objects shared by the record operations.
+#pragma once
+#include <Python.h>
+
+#include "editor/ref.hpp"
+
+namespace editor::records {
+
+// operator.index(number), clipped to the Py_ssize_t range (a count beyond it behaves as the
+// nearest representable one, as list slicing treats it). TypeError for a non-integer.
+Py_ssize_t clamped_index(PyObject* number);
+
+// The text after the last "/" or "\" of a str (the whole str when it has neither).
+Ref base_name(PyObject* text);
+
+// mapping.items() as a list of 2-tuples, taken before any of it is used, so nothing the caller
+// does to the mapping meanwhile can pull an item from under us.
+Ref item_pairs(PyObject* mapping);
+
+// mapping.get(key, fallback).
+Ref get_or(PyObject* mapping, const char* key, Ref fallback);
+
+}  // namespace editor::records

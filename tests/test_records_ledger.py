@@ -1,0 +1,109 @@
+import itertools
+import json
+
+import pytest
+from hypothesis import HealthCheck, settings
+from hypothesis import strategies as st
+from hypothesis.stateful import RuleBasedStateMachine, rule, run_state_machine_as_test
+
+import editor
+import projstore
+
+
+@pytest.fixture
+def root(tmp_path, monkeypatch):
+    monkeypatch.setenv("EDITOR_STATE_HOME", str(tmp_path / "state"))
+    return str(tmp_path / "project")
+
+
+def ledger_file(root):
+    return projstore.project_dir(root) / editor.LEDGER_NAME
+
+
+def test_the_file_is_what_the_hosts_json_dumps_writes(root):
+    entries = [
+        {"file": "src/ünïcödé.py", "lines": [1, [2, 3]], "meta": {"ok": True, "none": None, "no": False}},
+        {"emoji": "😀 beyond the BMP", "ratio": 0.1, "big": 1e300, "tiny": 5e-324, "neg": -0.0},
+        {"n": 99, "nested": [{"a": []}, {}, [[]]], "tab\tkey": "quote\" and \\ backslash", "ts": "caller's"},
+    ]
+    for number, entry in enumerate(entries, 1):
+        assert editor.ledger_append(root, dict(entry)) == number
+    stored = editor.ledger_load(root)
+    expected = [{**entry, "n": i, "ts": stored[i - 1]["ts"]} for i, entry in enumerate(entries, 1)]
+    assert stored == expected and list(stored[2]) == ["n", "nested", "tab\tkey", "ts"]
+    assert ledger_file(root).read_bytes() == json.dumps({"steps": expected}, indent=1).encode("ascii")
+
+
+def test_empty_and_flagged_layouts(root):
+    editor.ledger_mark_rolled_back(root, 1)
+    assert ledger_file(root).read_text() == '{\n "steps": []\n}'
+    editor.ledger_append(root, {})
+    editor.ledger_mark_rolled_back(root, 1)
+    ts = editor.ledger_load(root)[0]["ts"]
+    assert ledger_file(root).read_text() == (
+        '{\n "steps": [\n  {\n   "n": 1,\n   "ts": %r,\n   "rolled_back": true\n  }\n ]\n}' % ts)
+
+
+@pytest.mark.parametrize("content", [b"{}", b"{broken", b"\xff\xfe garbage", b"", None],
+                         ids=["no-steps", "malformed", "not-utf8", "empty", "directory"])
+def test_unusable_ledgers_read_as_empty_and_numbering_restarts(root, content):
+    ledger_file(root).parent.mkdir(parents=True)
+    ledger_file(root).mkdir() if content is None else ledger_file(root).write_bytes(content)
+    assert editor.ledger_load(root) == []
+    if content is not None:
+        assert editor.ledger_append(root, {"x": 1}) == 1 and len(editor.ledger_load(root)) == 1
+
+
+@pytest.mark.parametrize("content, call, error", [
+    (b"[1, 2]", lambda root: editor.ledger_load(root), TypeError),
+    (b'{"steps": {"a": 1}}', lambda root: editor.ledger_append(root, {}), AttributeError),
+    (b'{"steps": [1]}', lambda root: editor.ledger_mark_rolled_back(root, 1), AttributeError),
+    (b'{"steps": []}', lambda root: editor.ledger_append(root, {"bad": {1, 2}}), TypeError),
+    (b'{"steps": []}', lambda root: editor.ledger_append(root, [("a", 1)]), TypeError),
+    (b'{"steps": []}', lambda root: editor.ledger_mark_rolled_back(root, 1.0), TypeError),
+])
+def test_other_faults_propagate_and_leave_the_file_unchanged(root, content, call, error):
+    ledger_file(root).parent.mkdir(parents=True)
+    ledger_file(root).write_bytes(content)
+    with pytest.raises(error):
+        call(root)
+    assert ledger_file(root).read_bytes() == content
+
+
+def test_a_non_mapping_entry_gets_the_hosts_message(root):
+    with pytest.raises(TypeError, match="^'int' object is not a mapping$"):
+        editor.ledger_append(root, 5)
+
+
+class LedgerMachine(RuleBasedStateMachine):
+    """Appends and marks (counts below 1 flag nothing) against a list model of the entries."""
+
+    projects = itertools.count()
+
+    def __init__(self, base):
+        super().__init__()
+        self.root, self.model = str(base / f"project{next(self.projects)}"), []
+
+    @rule(entry=st.dictionaries(st.sampled_from(["file", "n", "ts", "rolled_back"]),
+                                st.integers() | st.text(max_size=5) | st.booleans(), max_size=4))
+    def append(self, entry):
+        self.model.append({**entry, "n": len(self.model) + 1})
+        assert editor.ledger_append(self.root, entry) == len(self.model)
+
+    @rule(count=st.integers(-2, 6))
+    def mark(self, count):
+        editor.ledger_mark_rolled_back(self.root, count)
+        unflagged = [e for e in self.model if not e.get("rolled_back")]
+        for e in unflagged[max(len(unflagged) - count, 0):] if count >= 1 else []:
+            e["rolled_back"] = True
+
+    def teardown(self):
+        stored = editor.ledger_load(self.root)
+        assert [{**e, "ts": None} for e in stored] == [{**e, "ts": None} for e in self.model]
+        stamps = [e["ts"] for e in stored]
+        assert all(isinstance(t, float) for t in stamps) and stamps == sorted(stamps)
+
+
+def test_append_and_mark_sequences_follow_the_model(tmp_path, root):
+    run_state_machine_as_test(lambda: LedgerMachine(tmp_path), settings=settings(
+        max_examples=40, stateful_step_count=10, deadline=None, suppress_health_check=list(HealthCheck)))

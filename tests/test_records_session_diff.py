@@ -1,0 +1,57 @@
+import difflib
+import tempfile
+from pathlib import Path
+
+import pytest
+from hypothesis import given, settings
+
+import editor
+from records_helpers import file_text
+
+
+def unified(before, after, name):
+    return "\n".join(difflib.unified_diff(before.splitlines(), after.splitlines(),
+                                          fromfile="a/" + name, tofile="b/" + name, lineterm=""))
+
+
+@settings(max_examples=150, deadline=None)
+@given(before=file_text, after=file_text)
+def test_one_file_matches_difflib(before, after):
+    with tempfile.TemporaryDirectory() as folder:
+        path = Path(folder, "mod.py")
+        path.write_bytes(after.encode())
+        now = path.read_text(encoding="utf-8")
+        assert editor.session_diff({str(path): before}) == ("" if before == now else unified(before, now, "mod.py"))
+
+
+def test_path_order_created_deleted_unchanged_same_names_and_backslashes(tmp_path, monkeypatch):
+    monkeypatch.chdir(tmp_path)
+    for sub in ("a", "b", "z"):
+        Path(sub).mkdir()
+    for path, text in {"z/new.py": "one\ntwo\n", "b/app.py": "x = 2\n", "a/app.py": "y = 2\n",
+                       "a/keep.py": "same\n", "C:\\proj\\win.py": "w\n"}.items():
+        Path(path).write_text(text)
+    touched = {"z/new.py": None, "a/gone.py": "old\nlines\n", "b/app.py": "x = 1\n", "a/app.py": "y = 1\n",
+               "a/keep.py": "same\n", "C:\\proj\\win.py": "v\n"}
+    assert editor.session_diff(touched).split("\n\n") == [
+        unified("v\n", "w\n", "win.py"),
+        unified("y = 1\n", "y = 2\n", "app.py"),
+        unified("old\nlines\n", "", "gone.py"),
+        unified("x = 1\n", "x = 2\n", "app.py"),
+        unified("", "one\ntwo\n", "new.py"),
+    ]
+    assert "@@ -1,2 +0,0 @@" in unified("old\nlines\n", "", "gone.py")
+
+
+@pytest.mark.parametrize("disk, first_touch", [(b"a\r\nb\r\n", "a\nb\n"), (b"a\nb", "a\nb\n"), (b"same", "same")],
+                         ids=["crlf", "final-newline", "undone-edit"])
+def test_changes_line_splitting_cannot_see_give_no_chunk(tmp_path, disk, first_touch):
+    (tmp_path / "f.txt").write_bytes(disk)
+    assert editor.session_diff({str(tmp_path / "f.txt"): first_touch}) == editor.session_diff({}) == ""
+
+
+def test_unreadable_file_counts_as_empty_but_bad_utf8_raises(tmp_path):
+    assert editor.session_diff({str(tmp_path): "x\n"}) == unified("x\n", "", tmp_path.name)
+    (tmp_path / "bad.txt").write_bytes(b"\xff")
+    with pytest.raises(UnicodeDecodeError):
+        editor.session_diff({str(tmp_path / "bad.txt"): "x\n"})

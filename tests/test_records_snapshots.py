@@ -1,0 +1,115 @@
+import pytest
+from hypothesis import HealthCheck, settings
+from hypothesis import strategies as st
+from hypothesis.stateful import RuleBasedStateMachine, precondition, rule, run_state_machine_as_test
+
+import editor
+from records_helpers import file_text, tree_digest, tree_texts
+
+
+class SnapshotMachine(RuleBasedStateMachine):
+    """Plain writes, each after take_snapshot, and rollbacks of random depth, against a model
+    of the tree as it stood before every write."""
+
+    def __init__(self, root):
+        super().__init__()
+        self.root, self.stack, self.before = root, [], []
+        for path in root.iterdir():
+            path.unlink()
+
+    def _snapshot(self, path):
+        raw = {"step": len(self.stack)}
+        self.before.append((tree_texts(self.root), raw))
+        self.stack.append(editor.take_snapshot(raw, path))
+        assert list(self.stack[-1]) == ["ts", "path", "text_before", "raw"] and self.stack[-1]["raw"] is raw
+
+    @rule(name=st.sampled_from("abcde"), text=file_text)
+    def write(self, name, text):
+        path = str(self.root / name)
+        self._snapshot(path)
+        with open(path, "w", encoding="utf-8", newline="") as f:
+            f.write(text)
+
+    @rule()
+    def step_without_file(self):
+        self._snapshot(None)
+
+    @precondition(lambda self: self.stack)
+    @rule(data=st.data())
+    def roll_back(self, data):
+        k = data.draw(st.integers(1, len(self.stack)))
+        restored = [r["path"] + " (deleted)" * (r["text_before"] is None) for r in self.stack[-k:][::-1] if r["path"]]
+        texts, raw = self.before[-k]
+        result = editor.rollback_steps(self.stack, k)
+        del self.before[-k:]
+        assert tree_texts(self.root) == texts and result["raw"] is raw
+        assert result == {"restored": restored, "raw": raw} and len(self.stack) == len(self.before)
+
+    @rule(steps=st.integers(-3, 12))
+    def refused(self, steps):
+        if 1 <= steps <= len(self.stack):
+            return
+        tree, stack = tree_digest(self.root), list(self.stack)
+        message = "steps must be >= 1" if steps < 1 else f"only {len(stack)} step(s) on the snapshot stack"
+        assert editor.rollback_steps(self.stack, steps) == {"error": message}
+        assert tree_digest(self.root) == tree and self.stack == stack
+
+
+def test_rollback_restores_the_tree_before_the_kth_newest_write(tmp_path):
+    run_state_machine_as_test(lambda: SnapshotMachine(tmp_path), settings=settings(
+        max_examples=60, stateful_step_count=12, deadline=None, suppress_health_check=list(HealthCheck)))
+
+
+def test_crlf_comes_back_as_lf_and_a_missing_file_has_no_text(tmp_path):
+    path = tmp_path / "crlf.txt"
+    path.write_bytes(b"one\r\ntwo\rthree\n")
+    stack = [editor.take_snapshot({}, str(path))]
+    assert editor.take_snapshot({}, str(tmp_path / "absent"))["text_before"] is None
+    path.write_bytes(b"changed on disk, never compared")
+    editor.rollback_steps(stack, 1)
+    assert path.read_bytes() == b"one\ntwo\nthree\n"
+
+
+@pytest.mark.parametrize("content, error", [(b"\xff not utf-8", UnicodeDecodeError), (None, IsADirectoryError)])
+def test_snapshot_of_an_unreadable_path_raises(tmp_path, content, error):
+    path = tmp_path / "target"
+    path.mkdir() if content is None else path.write_bytes(content)
+    with pytest.raises(error):
+        editor.take_snapshot({}, str(path))
+
+
+def test_undoing_a_creation_whose_file_is_gone_is_refused_after_earlier_restores(tmp_path):
+    edited, created = tmp_path / "edited.txt", tmp_path / "created.txt"
+    edited.write_text("old")
+    stack = [{"kept": True}, editor.take_snapshot({}, str(created)), editor.take_snapshot({}, str(edited))]
+    edited.write_text("new")
+    assert editor.rollback_steps(stack, 2) == {
+        "error": f"could not delete {created}: [Errno 2] No such file or directory: '{created}'"}
+    assert stack == [{"kept": True}] and edited.read_text() == "old"
+
+
+def test_a_failing_write_consumes_only_the_records_reached(tmp_path):
+    stack = [editor.take_snapshot({}, None), {"ts": 0.0, "path": str(tmp_path), "text_before": "x", "raw": 1}]
+    with pytest.raises(IsADirectoryError):
+        editor.rollback_steps(stack, 2)
+    assert len(stack) == 1
+
+
+@pytest.mark.parametrize("bad, steps, error", [
+    ("not a record", 3, TypeError),
+    ({"ts": 0.0, "text_before": None, "raw": 1}, 3, KeyError),
+    ({"ts": 0.0, "path": b"/bytes", "text_before": None, "raw": 1}, 3, TypeError),
+    ({"ts": 0.0, "path": "/x", "text_before": b"bytes", "raw": 1}, 3, TypeError),
+    (None, 2.0, TypeError),
+    (None, "2", TypeError),
+])
+def test_bad_input_raises_with_files_and_stack_untouched(tmp_path, bad, steps, error):
+    created, edited = tmp_path / "created.txt", tmp_path / "edited.txt"
+    edited.write_text("old")
+    stack = [bad, editor.take_snapshot({}, str(created)), editor.take_snapshot({}, str(edited))]
+    created.write_text("new file")
+    edited.write_text("new text")
+    tree, before = tree_digest(tmp_path), list(stack)
+    with pytest.raises(error):
+        editor.rollback_steps(stack, steps)
+    assert tree_digest(tmp_path) == tree and stack == before

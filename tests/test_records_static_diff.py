@@ -1,0 +1,92 @@
+import pytest
+from hypothesis import given, settings
+from hypothesis import strategies as st
+
+import editor
+
+NOTE = {"note": "no structural change (edit was within existing bodies)"}
+
+
+def short(i):
+    return i.split("\\")[-1].split("/")[-1]
+
+
+def const_values(enriched):
+    table = {}
+    for scope, names in enriched.get("defs", {}).items():
+        is_module = scope.endswith("::<module>")
+        if is_module or "::css::" in scope:
+            for name, records in names.items():
+                if records:
+                    table[f"{scope[:-10] if is_module else scope}::{name}"] = records[-1].get("rhs", "")
+    return table
+
+
+def reference(before, after, cap=10):
+    """The comparison written plainly, as the host application would in Python."""
+    eb = {(e["caller"], e["callee"]) for e in before.get("edges", [])}
+    ea = {(e["caller"], e["callee"]) for e in after.get("edges", [])}
+    sb, sa = set(before.get("symbols", {})), set(after.get("symbols", {}))
+    vb, va = const_values(before), const_values(after)
+    lists = {
+        "edges_added": [f"{short(a)} -> {short(b)}" for a, b in sorted(ea - eb)],
+        "edges_removed": [f"{short(a)} -> {short(b)}" for a, b in sorted(eb - ea)],
+        "symbols_added": sorted(short(s) for s in sa - sb),
+        "symbols_removed": sorted(short(s) for s in sb - sa),
+        "values_changed": sorted(f"{short(k)}: {vb[k]!r} -> {va[k]!r}" for k in vb if k in va and vb[k] != va[k]),
+        "constants_added": sorted(short(k) for k in va if k not in vb),
+        "constants_removed": sorted(short(k) for k in vb if k not in va),
+    }
+    return {key: items[:cap] for key, items in lists.items() if items} or dict(NOTE)
+
+
+# Ids from few files and names so maps overlap, "/" and "\" paths sharing base names, text
+# beyond ASCII and the BMP; scopes of modules, CSS, both, and locals (ignored).
+files = st.sampled_from(["src/app.py", "lib/app.py", "C:\\w\\app.py", "x.css", "ü/😀.py", "app.py"])
+names = st.sampled_from(["f", "g", "Cls.m", "a/b", "TIMEOUT", "ñ"])
+ids = st.builds("{}::{}".format, files, names)
+scopes = st.builds("{}::<module>".format, files) | st.builds("{}::css::{}".format, files, names) \
+    | st.builds("{}::css::x::<module>".format, files) | ids
+NAN = float("nan")  # the same object on both sides still differs from itself
+values = st.sampled_from(["1", "'a'", '"b"', "{'k': 1}", "x\\y", "é\n", "😀", "", NAN, None, 2.5])
+maps = st.fixed_dictionaries({}, optional={
+    "edges": st.lists(st.builds(lambda a, b: {"caller": a, "callee": b, "kind": "call"}, ids, ids), max_size=14),
+    "symbols": st.dictionaries(ids, st.none(), max_size=8) | st.lists(ids, max_size=8),
+    "defs": st.dictionaries(scopes, st.dictionaries(names, st.lists(
+        st.dictionaries(st.sampled_from(["rhs", "line"]), values), max_size=3), max_size=4), max_size=5),
+})
+
+
+class Id(str):
+    """An id type of the indexer's own, compared as the host compares it."""
+
+
+@settings(max_examples=400, deadline=None)
+@given(before=maps, after=maps, cap=st.none() | st.integers(-4, 14) | st.just(2**70), own_ids=st.booleans())
+def test_matches_the_plain_comparison(before, after, cap, own_ids):
+    if own_ids:
+        before = {**before, "edges": [{**e, "caller": Id(e["caller"])} for e in before.get("edges", [])],
+                  "symbols": [Id(s) for s in before.get("symbols", [])]}
+    result = editor.static_diff(before, after) if cap is None else editor.static_diff(before, after, cap=cap)
+    expected = reference(before, after, 10 if cap is None else cap)
+    assert result == expected and list(result) == list(expected)
+
+
+def test_fifteen_added_edges_give_the_first_ten_by_full_ids_and_the_note_is_fresh():
+    edges = [{"caller": f"a/zeta.py::f{i}", "callee": "c.py::g"} for i in range(8)]
+    edges += [{"caller": f"b/alpha.py::f{i}", "callee": "c.py::g"} for i in range(7)]
+    assert editor.static_diff({}, {"edges": edges[::-1]}) == {"edges_added": [
+        *(f"zeta.py::f{i} -> c.py::g" for i in range(8)), "alpha.py::f0 -> c.py::g", "alpha.py::f1 -> c.py::g"]}
+    editor.static_diff({}, {})["note"] = "changed by the caller"
+    assert editor.static_diff({}, {}) == NOTE
+
+
+@pytest.mark.parametrize("before, cap, error", [
+    ({"edges": [{"callee": "a::f"}]}, 10, KeyError),
+    ({"edges": None}, 10, TypeError),
+    ({"defs": {"a.py::<module>": {"X": ["not a record"]}}}, 10, TypeError),
+    ({}, 1.5, TypeError),
+])
+def test_malformed_input_raises(before, cap, error):
+    with pytest.raises(error):
+        editor.static_diff(before, {}, cap)

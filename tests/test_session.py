@@ -1,0 +1,117 @@
+"""The road of an edit end to end: the demo's session, session invariants, the command line."""
+
+import json
+import os
+import shutil
+import subprocess
+import sys
+from pathlib import Path
+
+import pytest
+from hypothesis import HealthCheck, given, settings
+from hypothesis import strategies as st
+
+import srcatlas
+from session import Session
+
+ROOT = Path(__file__).resolve().parent.parent
+sys.path.insert(0, str(ROOT / "demo"))
+import run as demo  # noqa: E402
+
+
+@pytest.fixture(autouse=True)
+def state_home(tmp_path, monkeypatch):
+    monkeypatch.setenv("EDITOR_STATE_HOME", str(tmp_path / "state"))
+
+
+def tree(root):
+    return {p.relative_to(root).as_posix(): p.read_bytes()
+            for p in sorted(Path(root).rglob("*")) if p.is_file() and ".git" not in p.parts}
+
+
+def test_demo_session(tmp_path, capsys):
+    root = demo.copy_sample(tmp_path)
+    r = demo.scripted_session(root)
+    assert r["ambiguous"]["candidates"] == ["inventory/util.py", "tools/util.py"]
+    assert r["line_edit"]["replaced"] == ["MAX_ITEMS = 500"] and r["line_edit"]["at"] == 3
+    assert r["line_edit"]["static_diff"] == {"values_changed": ["models.py::MAX_ITEMS: '500' -> '800'"]}
+    assert r["anchor_edit"]["at"] == 10 and r["anchor_edit"]["syntax"] == "ok"
+    assert r["broken"]["syntax"] == "SyntaxError: '(' was never closed (line 7)"
+    assert r["undo_broken"]["restored"] == [str(root / "inventory" / "pricing.py")]
+    assert "def net_value(warehouse):" in (root / "inventory" / "pricing.py").read_text()
+    assert r["created"]["static_diff"]["symbols_added"] == ["discounts.py::discounted"]
+    assert r["findings"] == ["report.py: python error: undefined name 'format_total' (line 15)",
+                             f"checksum.c: c error: {r['findings'][1].split('c error: ')[1]}"]
+    assert "carry" in r["findings"][1] and r["findings"][1].endswith("(line 9)")
+    assert [line for line in r["diff"].splitlines() if line.startswith("+++")] == [
+        "+++ b/discounts.py", "+++ b/models.py", "+++ b/report.py", "+++ b/checksum.c"]
+    assert [(s["n"], bool(s.get("rolled_back"))) for s in r["session"].ledger()] == [
+        (1, False), (2, False), (3, True), (4, False), (5, True), (6, True)]
+    assert r["rollback"]["restored"] == [str(root / "src" / "checksum.c"), str(root / "inventory" / "report.py")]
+    assert r["findings_after_rollback"] == []
+    assert "Commit-time check" in capsys.readouterr().out
+
+
+def test_refused_write_leaves_no_snapshot_or_ledger_step(tmp_path):
+    root = demo.copy_sample(tmp_path)
+    s = Session(str(root))
+    before = tree(root)
+    assert "error" in s.edit("models.py", 999, None, "x")
+    assert "error" in s.create("models.py", "x")
+    assert "error" in s.edit("../outside.py", 1, None, "x")
+    assert s.snapshots == [] and s.touched == {} and s.ledger() == []
+    assert tree(root) == before
+
+
+TOOL_CALLS = st.lists(
+    st.one_of(
+        st.tuples(st.just("edit"), st.sampled_from(["models.py", "pricing.py", "style.css", "Stock.java"]),
+                  st.integers(0, 14), st.text(st.sampled_from("abc XYZ=():\n{};"), max_size=30),
+                  st.sampled_from(["replace", "insert_before", "insert_after"])),
+        st.tuples(st.just("create"), st.sampled_from(["new.py", "pkg/new.css", "n/o/t.txt"]),
+                  st.text(st.sampled_from("def f(): x\n"), max_size=20)),
+        st.tuples(st.just("rollback"), st.integers(1, 3)),
+    ),
+    max_size=8,
+)
+
+
+@settings(max_examples=25, deadline=None, suppress_health_check=[HealthCheck.function_scoped_fixture])
+@given(calls=TOOL_CALLS)
+def test_full_rollback_restores_tree_and_index(tmp_path_factory, calls):
+    # Files are compared byte for byte: the sample's files all end their lines with "\n", which is
+    # what a rollback writes back (a "\r\n" file would come back with "\n").
+    root = demo.copy_sample(tmp_path_factory.mktemp("s"))
+    s = Session(str(root))
+    start_tree, start_index = tree(root), srcatlas.enrich(s.raw)
+    for call in calls:
+        if call[0] == "edit":
+            s.edit(call[1], call[2], None, call[3], call[4])
+        elif call[0] == "create":
+            s.create(call[1], call[2])
+        else:
+            s.rollback(call[1])
+    if s.snapshots:
+        assert "error" not in s.rollback(len(s.snapshots))
+    assert tree(root) == start_tree
+    assert s.index == start_index
+
+
+def run_cli(root, *args, stdin=""):
+    return subprocess.run([str(ROOT / "scripts" / "editor-session"), "--root", str(root), *args],
+                          input=stdin, capture_output=True, text=True, timeout=120)
+
+
+def test_command_line_keeps_the_session_between_calls(tmp_path):
+    root = demo.copy_sample(tmp_path)
+    refused = run_cli(root, "edit", "util.py", "--start", "1", "--content", "x")
+    assert refused.returncode == 1 and refused.stdout == ""
+    assert refused.stderr.splitlines() == ["editor-session: 'util.py' matches 2 files -- be more specific",
+                                           "candidates: inventory/util.py, tools/util.py"]
+    edited = run_cli(root, "edit", "models.py", "--start", "3", stdin="MAX_ITEMS = 1\n")
+    assert edited.returncode == 0, edited.stderr
+    assert json.loads(edited.stdout)["replaced"] == ["MAX_ITEMS = 500"]
+    assert json.loads(run_cli(root, "rollback", "1").stdout)["restored"] == [
+        os.path.join(str(root), "inventory", "models.py")]
+    assert "MAX_ITEMS = 500" in (root / "inventory" / "models.py").read_text()
+    assert run_cli(root, "rollback", "1").returncode == 1
