@@ -24,6 +24,7 @@ from typing import Callable
 import pytest
 
 import editor
+import projstore
 from edits_helpers import immutable
 from fuzz_values import FuzzInterrupt, Sandbox, Values, call_shape, module_functions, restore, tamper
 
@@ -154,6 +155,48 @@ def _fails_second():
             raise RuntimeError("second run")
         return [("undefined name 'helper'", 2)]
     return analyser
+
+
+def _stack(project):
+    """A snapshot stack: an edit of a.txt, the creation of new.txt, a step with no file."""
+    stack = [editor.take_snapshot({"ir": 1}, project.write("a.txt", "old\n")),
+             editor.take_snapshot({"ir": 2}, project.gone("new.txt")),
+             editor.take_snapshot({"ir": 3}, None)]
+    project.write("a.txt", "new\n")
+    project.write("new.txt", "made\n")
+    return stack
+
+
+def _ledger(root, data):
+    path = projstore.project_dir(root) / editor.LEDGER_NAME
+    path.parent.mkdir(parents=True, exist_ok=True)
+    path.write_bytes(data)
+
+
+class _Id(str):
+    pass
+
+
+class _Pairs:
+    def __init__(self, pairs):
+        self._pairs = pairs
+
+    def items(self):
+        return list(self._pairs)
+
+
+MAP_BEFORE = {
+    "edges": [{"caller": "a.py::f", "callee": "a.py::g"}, {"caller": "a.py::g", "callee": "b.py::h"}],
+    "symbols": {"a.py::f": 1, "a.py::g": 1, "b.py::gone": 1},
+    "defs": {"a.py::<module>": {"LIMIT": [{"rhs": "1"}], "OLD": [{"rhs": "x"}]},
+             "s.css::css::a": {"color": [{"rhs": "red"}]}},
+}
+MAP_AFTER = {
+    "edges": [{"caller": "a.py::f", "callee": "a.py::g"}, {"caller": "a.py::f", "callee": "c.py::k"}],
+    "symbols": ["a.py::f", "a.py::g", "c.py::k"],
+    "defs": {"a.py::<module>": {"LIMIT": [{"rhs": "2"}], "NEW": [{"rhs": "y"}]},
+             "s.css::css::a": {"color": [{"rhs": float("nan")}]}},
+}
 
 
 CASES = {
@@ -363,6 +406,71 @@ CASES = {
         raises(AttributeError, "not a mapping", lambda p: editor.commit_time_check([])),
         raises(ValueError, "items do not unpack", lambda p: editor.commit_time_check(
             type("M", (), {"items": lambda self: [(1, 2, 3)]})())),
+    ],
+    "session_diff": [
+        value("edits, a creation and a gone file", lambda p: editor.session_diff({
+            p.write("a.py", "x = 2\n"): "x = 1\n", p.write("new.py"): None, p.gone("gone.py"): "old\n",
+            p.write("same.txt", "s\n"): "s\n"})),
+        value("mapping that is not a dict", lambda p: editor.session_diff(_Pairs([(p.write("a.py"), "z\n")]))),
+        raises(TypeError, "path not a str", lambda p: editor.session_diff({Path(p.write("a.py")): "x"})),
+        raises(TypeError, "first-touch text not a str", lambda p: editor.session_diff({p.write("a.py"): b"x"})),
+        raises(UnicodeDecodeError, "not UTF-8", lambda p: editor.session_diff({p.write("b", data=b"\xff"): ""})),
+    ],
+    "take_snapshot": [
+        value("existing file", lambda p: editor.take_snapshot({"ir": [1]}, p.write("a.py"))),
+        value("file not there yet", lambda p: editor.take_snapshot({}, p.gone("new.py"))),
+        value("no file", lambda p: editor.take_snapshot({}, None)),
+        raises(IsADirectoryError, "directory", lambda p: editor.take_snapshot({}, p.dir("d"))),
+        raises(UnicodeDecodeError, "not UTF-8", lambda p: editor.take_snapshot({}, p.write("b", data=b"\xff"))),
+        raises(TypeError, "path not a str", lambda p: editor.take_snapshot({}, 3)),
+    ],
+    "rollback_steps": [
+        value("restore, delete, no file", lambda p: editor.rollback_steps(_stack(p), 3)),
+        refused("steps below 1", lambda p: editor.rollback_steps(_stack(p), 0)),
+        refused("more steps than records", lambda p: editor.rollback_steps(_stack(p), 9)),
+        refused("a created file already gone", lambda p: editor.rollback_steps(
+            [editor.take_snapshot({}, p.gone("never.txt"))], 1)),
+        raises(TypeError, "stack not a list", lambda p: editor.rollback_steps(tuple(_stack(p)), 1)),
+        raises(TypeError, "record not a dict", lambda p: editor.rollback_steps(["record"], 1)),
+        raises(KeyError, "record without raw", lambda p: editor.rollback_steps([{"path": None, "text_before": None}],
+                                                                                1)),
+        raises(TypeError, "path not a str", lambda p: editor.rollback_steps(
+            [{"ts": 0, "path": b"x", "text_before": None, "raw": 1}], 1)),
+        raises(IsADirectoryError, "target became a directory", lambda p: editor.rollback_steps(
+            [{"ts": 0, "path": p.dir("d"), "text_before": "x\n", "raw": 1}], 1)),
+        raises(TypeError, "steps not an int", lambda p: editor.rollback_steps(_stack(p), 1.0)),
+    ],
+    "ledger_load": [
+        value("no ledger", lambda p: editor.ledger_load(p.r + "/fresh")),
+        value("steps", lambda p: (editor.ledger_append(p.r, {"x": 1}), editor.ledger_load(p.r))[1]),
+        value("unusable ledger", lambda p: (_ledger(p.r, b"{broken"), editor.ledger_load(p.r))[1]),
+        raises(TypeError, "not an object", lambda p: (_ledger(p.r, b"[1]"), editor.ledger_load(p.r))[1]),
+    ],
+    "ledger_append": [
+        value("append", lambda p: (_ledger(p.r, b'{"steps": []}'), editor.ledger_append(p.r, {"file": "a.py"}))[1]),
+        raises(TypeError, "not a mapping", lambda p: editor.ledger_append(p.r, 5)),
+        raises(TypeError, "not JSON", lambda p: editor.ledger_append(p.r, {"bad": {1, 2}})),
+        raises(AttributeError, "steps without append", lambda p: (
+            _ledger(p.r, b'{"steps": {"a": 1}}'), editor.ledger_append(p.r, {}))[1]),
+    ],
+    "ledger_mark_rolled_back": [
+        value("mark", lambda p: (_ledger(p.r, b'{"steps": [{"n": 1}, {"n": 2}]}'),
+                                 editor.ledger_mark_rolled_back(p.r, 1))[1]),
+        value("count below 1", lambda p: editor.ledger_mark_rolled_back(p.r, -3)),
+        raises(TypeError, "count not an int", lambda p: editor.ledger_mark_rolled_back(p.r, 1.0)),
+        raises(AttributeError, "entry not an object", lambda p: (
+            _ledger(p.r, b'{"steps": [1]}'), editor.ledger_mark_rolled_back(p.r, 1))[1]),
+    ],
+    "static_diff": [
+        value("every kind of change", lambda p: editor.static_diff(MAP_BEFORE, MAP_AFTER)),
+        value("cap of 1", lambda p: editor.static_diff(MAP_BEFORE, MAP_AFTER, cap=1)),
+        value("ids that are not exact str", lambda p: editor.static_diff(
+            {"edges": [{"caller": _Id("a::f"), "callee": _Id("a::g")}]}, {"symbols": [_Id("a::h")]})),
+        value("no change", lambda p: editor.static_diff({}, {})),
+        raises(KeyError, "edge without callee", lambda p: editor.static_diff({"edges": [{"caller": "a"}]}, {})),
+        raises(TypeError, "unhashable id", lambda p: editor.static_diff({"edges": [{"caller": [], "callee": 1}]}, {})),
+        raises(TypeError, "scope id not a str", lambda p: editor.static_diff({"defs": {1: {}}}, {})),
+        raises(TypeError, "cap not an int", lambda p: editor.static_diff({}, {}, "10")),
     ],
 }
 

@@ -1,7 +1,8 @@
-"""Faults of the machine under the operations: directories that refuse changes, a target that
-became a directory between two calls, a compiler that hangs. Each gives its documented result
-and leaves every other file as it was."""
+"""Faults of the machine under the operations: files and directories that refuse changes, a
+target that became a directory between two calls, a compiler that hangs, a state directory
+that cannot be made. Each gives its documented result and leaves every other file as it was."""
 
+import contextlib
 import os
 import subprocess
 import types
@@ -10,6 +11,7 @@ from pathlib import Path
 import pytest
 
 import editor
+import projstore
 from edits_helpers import checker, immutable, project, tree_digest  # noqa: F401  (fixtures)
 from semantic_helpers import repository, script, write
 
@@ -118,3 +120,61 @@ def contents(top):
         found.update({os.path.join(folder, name): None for name in dirs})
         found.update({os.path.join(folder, name): Path(folder, name).read_bytes() for name in files})
     return found
+
+
+@pytest.mark.parametrize("blocked_by", ["a file", "a read-only directory"])
+def test_state_directory_that_cannot_be_created(tmp_path, monkeypatch, blocked_by):
+    project = tmp_path / "project"
+    project.mkdir()
+    holder = tmp_path / "holder"
+    if blocked_by == "a file":
+        holder.write_text("not a directory\n")
+    else:
+        holder.mkdir()
+    monkeypatch.setenv("EDITOR_STATE_HOME", str(holder / "state"))
+    with immutable(holder) if blocked_by != "a file" else contextlib.nullcontext():
+        digest = tree_digest(tmp_path)
+        assert editor.ledger_load(str(project)) == []
+        for call in (lambda: editor.ledger_append(str(project), {"step": "edit"}),
+                     lambda: editor.ledger_mark_rolled_back(str(project), 1)):
+            with pytest.raises(OSError):
+                call()
+        assert tree_digest(tmp_path) == digest
+
+
+def test_read_only_ledger_keeps_its_steps(tmp_path, monkeypatch):
+    monkeypatch.setenv("EDITOR_STATE_HOME", str(tmp_path / "state"))
+    project = str(tmp_path / "project")
+    assert editor.ledger_append(project, {"step": "edit"}) == 1
+    ledger = projstore.project_dir(project) / editor.LEDGER_NAME
+    with immutable(ledger):
+        digest = tree_digest(tmp_path)
+        with pytest.raises(PermissionError):
+            editor.ledger_append(project, {"step": "second"})
+        with pytest.raises(PermissionError):
+            editor.ledger_mark_rolled_back(project, 1)
+        assert tree_digest(tmp_path) == digest
+    assert [step["step"] for step in editor.ledger_load(project)] == ["edit"]
+
+
+@pytest.mark.parametrize("locked", ["a file to write back", "a created file to delete"])
+def test_rollback_onto_read_only_ground_stops_at_that_record(tmp_path, locked):
+    first, last = tmp_path / "first.txt", tmp_path / "last.txt"
+    target = tmp_path / "locked" / ("edited.txt" if locked == "a file to write back" else "created.txt")
+    target.parent.mkdir()
+    for path in (first, last) + ((target,) if locked == "a file to write back" else ()):
+        path.write_text(f"{path.name} before\n")
+    stack = [editor.take_snapshot({"ir": n}, str(path)) for n, path in enumerate((first, target, last), 1)]
+    for path in (first, target, last):
+        path.write_text(f"{path.name} after\n")
+    with immutable(target if locked == "a file to write back" else target.parent):
+        before = contents(tmp_path)
+        if locked == "a file to write back":
+            with pytest.raises(PermissionError):
+                editor.rollback_steps(stack, 3)
+        else:
+            assert editor.rollback_steps(stack, 3) == {
+                "error": f"could not delete {target}: [Errno 1] Operation not permitted: '{target}'"}
+    # The newest step was undone and the failing one consumed; the oldest was not reached.
+    assert [record["raw"] for record in stack] == [{"ir": 1}]
+    assert contents(tmp_path) == {**before, str(last): b"last.txt before\n"}
