@@ -22,6 +22,7 @@ from pathlib import Path
 from fuzz_values import FuzzInterrupt, Sandbox, Values, call_shape, check_safe, module_functions, restore, tamper
 
 RESET_EVERY = 100
+CALL_LIMIT = float(os.environ.get("EDITOR_FUZZ_CALL_LIMIT", 60))  # seconds
 
 
 def compiler_output(rng):
@@ -109,6 +110,8 @@ def main():
                       f" replaced={sorted(replaced)}\n")
             log.flush()
             started = time.perf_counter()
+            # A call that never returns ends the run with every thread's traceback on stderr.
+            faulthandler.dump_traceback_later(CALL_LIMIT, exit=True)
             try:
                 function(*args, **kwargs)
                 outcome = "returned"
@@ -117,6 +120,7 @@ def main():
                 if isinstance(error, SystemError):
                     system_errors.append(f"call {index}: {name}: {error}")
             finally:
+                faulthandler.cancel_dump_traceback_later()
                 restore(editor, saved)
             outcomes[name][outcome] += 1
             spent = time.perf_counter() - started

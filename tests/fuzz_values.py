@@ -128,7 +128,9 @@ def check_safe(value, sandbox, exempt):
             if "/" not in text:
                 continue
             assert ".." not in text.split("/"), f"unsafe path {text!r}"
-            absolute = text.startswith("/") or text.startswith("~")
+            # "~name/..." is a plain relative name unless it expands (a root called "~" gives
+            # the state directory "~-<hash>"); only an expanding one reaches a home directory.
+            absolute = text.startswith("/") or os.path.expanduser(text) != text
             assert not absolute or text == top or text.startswith(top + "/"), f"unsafe path {text!r}"
         elif isinstance(item, dict):
             pending.extend(dict.keys(item))
@@ -206,8 +208,16 @@ class Hostile:
     __eq__ = __ne__ = __lt__ = __le__ = __gt__ = __ge__ = _answer
     __hash__ = __len__ = __index__ = __int__ = __float__ = __bool__ = _answer
     __str__ = __repr__ = __format__ = __bytes__ = __fspath__ = _answer
-    __iter__ = __getitem__ = __contains__ = __call__ = _answer
+    __iter__ = __getitem__ = __contains__ = _answer
     __add__ = __radd__ = __truediv__ = __rtruediv__ = __mod__ = _answer
+
+    def __call__(self, *args, **kwargs):
+        # Called as a source of text (tree-sitter reads from a callable until it answers
+        # nothing), the same answer forever would be an endless text: it answers a few times.
+        self._calls = getattr(self, "_calls", 0) + 1
+        if self._calls > 50:
+            raise FuzzError("hostile: called too often")
+        return self._answer()
 
     def __next__(self):
         # As an iterator it ends at once: an endless one would hang any caller, not just ours.
@@ -630,12 +640,15 @@ class Values:
         return container
 
     def node(self, depth=None):
-        """A finite tree of node stand-ins, sometimes one long chain. The children graph is
-        always acyclic: a cycle is an infinite tree."""
+        """A tree of node stand-ins; sometimes one long chain, or children that lead back to
+        their ancestor (an endless tree, which the scans must give up on)."""
         rng = self.rng
         if depth is None:
-            if rng.random() < 0.05:
+            roll = rng.random()
+            if roll < 0.05:
                 return self._chain(rng.choice([1000, 50000]))
+            if roll < 0.07:
+                return self._cycle()
             depth = rng.randint(0, 4)
         members = {
             "type": rng.choice(["ERROR", "x", "ERROR", "module", None, 3, Hostile("raise"),
@@ -653,6 +666,12 @@ class Values:
         else:
             members["children"] = rng.choice([[], (), None])
         return Node(members)
+
+    def _cycle(self):
+        top = Node({"type": "x", "is_missing": False, "has_error": True, "children": []})
+        middle = Node({"type": "x", "is_missing": False, "has_error": True, "children": [top]})
+        top._members["children"] = [Node({"type": "x", "is_missing": False, "has_error": False}), middle]
+        return top
 
     def _chain(self, length):
         node = Node({"type": "ERROR", "is_missing": False, "has_error": True, "children": []})
@@ -716,8 +735,8 @@ class Values:
 
     def param_known_paths(self):
         rng = self.rng
-        top = str(self.sandbox.top) + "/"
-        ids = [p[len(top):].split("/", 1)[-1] for p in self._pool if p.startswith(top)]
+        proj = str(self.sandbox.proj) + "/"
+        ids = [p[len(proj):] for p in self._pool if p.startswith(proj)]
         known = [rng.choice(ids + [self.name()]) for _ in range(rng.choice([0, 1, 3, 12]))]
         if rng.random() < 0.2:
             known.append(self.scalar())

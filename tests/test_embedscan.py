@@ -34,6 +34,10 @@ def tokenizer_literals(text):
                     spans.append((opened, end))
             elif token.type == tokenize.STRING and depth == 0:
                 spans.append((start, end))
+    if depth:
+        # An unmatched bracket in a replacement field ("f'{]") can leave the tokenizer inside
+        # the template to the end without an error: it delimits nothing there to compare with.
+        raise tokenize.TokenError("template never closed", (0, 0))
     return spans
 
 
