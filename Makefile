@@ -24,10 +24,12 @@ $(VENV)/.complete: bootstrap
 build: bootstrap $(BUILD)/build.ninja
 	@meson compile -C $(BUILD) >/dev/null
 
-# The suite, then the suite again under the sanitizers (check-asan, about a minute more).
+# The suite, then the suite again under the sanitizers (check-asan, about a minute and a half
+# more), then on the debug interpreter with the leak checks (check-refleaks, about four minutes).
 test: build
 	$(PY) -m pytest -q
 	@$(MAKE) --no-print-directory check-asan
+	@$(MAKE) --no-print-directory check-refleaks
 
 demo: build
 	$(PY) demo/run.py
