@@ -1,6 +1,6 @@
 """Runs every benchmark of the project (bench/bench_*.py), each in a process of its own, and
 prints all their rows as one table, which it also writes to bench/results.md together with the
-machine and the Python version it was measured on."""
+machine and the Python version it was measured on, and copies into the README."""
 
 import json
 import os
@@ -12,6 +12,7 @@ import time
 from pathlib import Path
 
 HERE = Path(__file__).resolve().parent
+README_START, README_END = "<!-- bench table: start -->", "<!-- bench table: end -->"
 HEADER = ["benchmark", "operation", "input size", "median", "floor", "ratio", "peak memory"]
 
 
@@ -59,13 +60,24 @@ def main():
                f"Python {platform.python_version()} ({sys.implementation.name})")
     body = table(rows)
     print(f"\n{machine}\n\n{body}")
-    (HERE / "results.md").write_text(
-        "# Benchmark results\n\n"
-        f"Measured by `make bench` on {time.strftime('%Y-%m-%d')}: {machine}.\n\n"
-        "Median wall time of each operation beside its floor (the work it cannot avoid, timed in the\n"
-        "same run on the same input), their ratio, and the peak memory the Python allocators held\n"
-        "during one call, where the benchmark measures it.\n\n"
-        f"{body}\n", encoding="utf-8")
+    report = (f"Measured by `make bench` on {time.strftime('%Y-%m-%d')}: {machine}.\n\n"
+              "Median wall time of each operation beside its floor (the work it cannot avoid, timed in the\n"
+              "same run on the same input), their ratio, and the peak memory the Python allocators held\n"
+              "during one call, where the benchmark measures it.\n\n"
+              f"{body}\n")
+    (HERE / "results.md").write_text(f"# Benchmark results\n\n{report}", encoding="utf-8")
+    show_in_readme(report)
+
+
+def show_in_readme(report):
+    """Puts the table between the README's markers, so the README always shows the latest run."""
+    readme = HERE.parent / "README.md"
+    text = readme.read_text(encoding="utf-8")
+    start, end = text.find(README_START), text.find(README_END)
+    if start < 0 or end < start:
+        print(f"README.md has no {README_START} ... {README_END} markers: table not copied there.")
+        return
+    readme.write_text(f"{text[:start + len(README_START)]}\n{report}{text[end:]}", encoding="utf-8")
 
 
 if __name__ == "__main__":
