@@ -57,11 +57,12 @@ def checker(monkeypatch):
 def immutable(path):
     """Makes `path` unwritable even for root (chattr +i), or skips when that cannot be done."""
     if os.geteuid() != 0:
-        path.chmod(0o444)
+        mode = path.stat().st_mode
+        path.chmod(0o555 if path.is_dir() else 0o444)
         try:
             yield
         finally:
-            path.chmod(0o644)
+            path.chmod(mode)
         return
     chattr = shutil.which("chattr")
     if chattr is None or subprocess.run([chattr, "+i", str(path)], capture_output=True).returncode != 0:
