@@ -2,7 +2,7 @@
 #include <Python.h>
 
 #include "edits/edits.hpp"
-#include "editor/boundary.hpp"
+#include "editor/method.hpp"
 #include "editor/host.hpp"
 #include "module/methods.hpp"
 
@@ -44,8 +44,8 @@ Ref delete_file_impl(PyObject* module, const Args& args) {
 
 }  // namespace
 
-PyMethodDef apply_block = {
-    "apply_block", _PyCFunction_CAST(entry<apply_block_impl>), METH_FASTCALL | METH_KEYWORDS,
+PyMethodDef apply_block = method<apply_block_impl>(
+    "apply_block",
     PyDoc_STR("apply_block($module, /, root, abs_path, start_line, end_line, content, mode='replace', "
               "anchor=None)\n--\n\n"
               "Put one block of lines into an existing file and return the receipt.\n"
@@ -54,22 +54,22 @@ PyMethodDef apply_block = {
               "above (insert_before) or below (insert_after) line start_line. A non-empty anchor,\n"
               "a snippet occurring exactly once in the file, addresses the lines it spans instead.\n"
               "Every check runs before the one in-place write. Returns {'replaced': removed\n"
-              "lines, 'at': line, 'syntax': result of syntax_check} or {'error': message}.")};
+              "lines, 'at': line, 'syntax': result of syntax_check} or {'error': message}."));
 
-PyMethodDef create_file = {
-    "create_file", _PyCFunction_CAST(entry<create_file_impl>), METH_FASTCALL | METH_KEYWORDS,
+PyMethodDef create_file = method<create_file_impl>(
+    "create_file",
     PyDoc_STR("create_file($module, /, root, abs_path, content)\n--\n\n"
               "Write a new file (and its missing parent directories) under root, then check it.\n"
               "\n"
               "Refuses any path that already exists. Returns {'created': abs_path, 'syntax':\n"
-              "result of syntax_check} or {'error': message}.")};
+              "result of syntax_check} or {'error': message}."));
 
-PyMethodDef delete_file = {
-    "delete_file", _PyCFunction_CAST(entry<delete_file_impl>), METH_FASTCALL | METH_KEYWORDS,
+PyMethodDef delete_file = method<delete_file_impl>(
+    "delete_file",
     PyDoc_STR("delete_file($module, /, root, abs_path)\n--\n\n"
               "Delete a file, or a directory with everything below it, under root.\n"
               "\n"
               "Returns {'deleted': abs_path, 'was': 'file' or 'directory'} or {'error': message};\n"
-              "a removal the system refuses reads 'could not delete ...'. There is no undo.")};
+              "a removal the system refuses reads 'could not delete ...'. There is no undo."));
 
 }  // namespace editor::methods

@@ -14,7 +14,7 @@ enum class Kind { import, import_from, value, function, deep_function };
 
 struct Binding {
     Kind kind;
-    const char* name;              // bound name (for functions: taken from `def`)
+    const char* name;              // bound name (functions: nullptr, their `def` names them)
     const char* from = nullptr;    // import_from: the module holding `name`
     Ref (*make)(PyObject* module) = nullptr;  // value
     PyMethodDef* def = nullptr;    // function, deep_function
@@ -23,10 +23,12 @@ struct Binding {
 constexpr Binding import(const char* name) { return {Kind::import, name}; }
 constexpr Binding import_from(const char* from, const char* name) { return {Kind::import_from, name, from}; }
 constexpr Binding value(const char* name, Ref (*make)(PyObject*)) { return {Kind::value, name, nullptr, make}; }
-Binding function(PyMethodDef& def) { return {Kind::function, def.ml_name, nullptr, nullptr, &def}; }
-Binding deep_function(PyMethodDef& def) { return {Kind::deep_function, def.ml_name, nullptr, nullptr, &def}; }
+// The definitions are read at exec time only: a table built from their contents would depend on
+// the order in which the glue files' globals are initialised.
+constexpr Binding function(PyMethodDef& def) { return {Kind::function, nullptr, nullptr, nullptr, &def}; }
+constexpr Binding deep_function(PyMethodDef& def) { return {Kind::deep_function, nullptr, nullptr, nullptr, &def}; }
 
-const Binding namespace_table[] = {
+constexpr Binding namespace_table[] = {
     import("difflib"),
     import("json"),
     import("os"),
@@ -115,7 +117,8 @@ Ref make(PyObject* module, const Binding& binding) {
 
 void bind_namespace(PyObject* module) {
     for (const Binding& binding : namespace_table) {
-        check(PyModule_Add(module, binding.name, make(module, binding).release()));
+        const char* name = binding.def ? binding.def->ml_name : binding.name;
+        check(PyModule_Add(module, name, make(module, binding).release()));
     }
 }
 
