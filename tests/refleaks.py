@@ -25,7 +25,7 @@ import pytest
 
 import editor
 import projstore
-from edits_helpers import immutable
+from helpers import immutable
 from fuzz_values import FuzzInterrupt, Sandbox, Values, call_shape, module_functions, restore, tamper
 
 pytestmark = pytest.mark.skipif(not hasattr(sys, "gettotalrefcount"), reason="needs a debug build of the interpreter")

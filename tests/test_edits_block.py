@@ -6,7 +6,7 @@ from pathlib import Path
 import pytest
 
 import editor
-from edits_helpers import checker, immutable, project, tree_digest  # noqa: F401  (fixtures)
+from helpers import immutable, tree_digest
 
 ABC = "a\nb\nc\n"
 MODE = "unknown mode '{}' (replace | insert_before | insert_after)"
@@ -157,9 +157,14 @@ def test_write_keeps_identity_mode_and_links(project, checker):
 
 
 @pytest.mark.parametrize("answer", [None, "SyntaxError: '(' was never closed (line 2)"])
-def test_syntax_result_is_passed_on_unchanged(project, monkeypatch, answer):
+@pytest.mark.parametrize("operation", ["apply_block", "create_file"])
+def test_syntax_result_is_passed_on_unchanged(project, monkeypatch, answer, operation):
     monkeypatch.setattr(editor, "syntax_check", lambda path, before_text=None: answer, raising=False)
     path = project / "f.txt"
-    path.write_bytes(ABC.encode())
-    assert editor.apply_block(str(project), str(path), 2, None, "(") == {"replaced": ["b"], "at": 2, "syntax": answer}
-    assert path.read_bytes() == b"a\n(\nc\n"
+    if operation == "create_file":
+        assert editor.create_file(str(project), str(path), "(") == {"created": str(path), "syntax": answer}
+    else:
+        path.write_bytes(ABC.encode())
+        assert editor.apply_block(str(project), str(path), 2, None, "(") == {"replaced": ["b"], "at": 2,
+                                                                            "syntax": answer}
+        assert path.read_bytes() == b"a\n(\nc\n"

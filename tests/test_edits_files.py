@@ -7,7 +7,7 @@ import shutil
 import pytest
 
 import editor
-from edits_helpers import checker, immutable, project, tree_digest  # noqa: F401  (fixtures)
+from helpers import immutable, tree_digest
 
 EXISTS = "{path} already exists -- use edit_lines to change it"
 ESCAPE = "path escapes the project root"

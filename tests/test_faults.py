@@ -12,8 +12,7 @@ import pytest
 
 import editor
 import projstore
-from edits_helpers import checker, immutable, project, tree_digest  # noqa: F401  (fixtures)
-from semantic_helpers import repository, script, write
+from helpers import immutable, repository, script, tree_digest, write
 
 
 def test_read_only_directory_refuses_a_new_file(project, checker):

@@ -9,7 +9,7 @@ from hypothesis import strategies as st
 
 import editor
 import projstore
-from records_helpers import json_like
+from helpers import json_like
 from test_records_session_diff import unified
 from test_records_static_diff import reference as static_reference
 

@@ -6,7 +6,7 @@ import pytest
 from hypothesis import given, settings
 
 import editor
-from records_helpers import file_text
+from helpers import file_text
 
 
 def unified(before, after, name):

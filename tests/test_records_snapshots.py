@@ -4,7 +4,7 @@ from hypothesis import strategies as st
 from hypothesis.stateful import RuleBasedStateMachine, precondition, rule, run_state_machine_as_test
 
 import editor
-from records_helpers import file_text, tree_digest, tree_texts
+from helpers import file_text, tree_digest, tree_texts
 
 
 class SnapshotMachine(RuleBasedStateMachine):

@@ -6,7 +6,7 @@ import types
 import pytest
 
 import editor
-from semantic_helpers import repository, scratch_dirs, script, write
+from helpers import repository, script, write
 
 
 @pytest.fixture
@@ -16,6 +16,10 @@ def scratch(tmp_path, monkeypatch):
     directory.mkdir()
     monkeypatch.setattr(tempfile, "tempdir", str(directory))
     return directory
+
+
+def scratch_dirs(directory):
+    return sorted(name for name in os.listdir(directory) if name.startswith("orvel_jc_"))
 
 
 def compile_real(lang, path):

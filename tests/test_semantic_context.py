@@ -1,7 +1,7 @@
 import pytest
 
 import editor
-from semantic_helpers import repository, script, write
+from helpers import repository, script, write
 
 
 def test_compiler_table_holds_the_module_objects():

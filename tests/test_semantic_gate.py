@@ -5,7 +5,7 @@ import zipfile
 import pytest
 
 import editor
-from semantic_helpers import logging_wrapper, repository, runs, write
+from helpers import repository, script, write
 
 
 @pytest.fixture
@@ -17,9 +17,13 @@ def project(tmp_path):
 def cc_log(tmp_path, monkeypatch):
     """Puts a run-counting `cc` (the real gcc underneath) first on the search path."""
     gcc = shutil.which("gcc")
-    logging_wrapper(tmp_path / "bin", "cc", gcc, tmp_path / "cc.log")
+    script(tmp_path / "bin", "cc", f'echo run >> "{tmp_path / 'cc.log'}"\nexec "{gcc}" "$@"\n')
     monkeypatch.setenv("PATH", f"{tmp_path / 'bin'}:{gcc.rsplit('/', 1)[0]}")
     return tmp_path / "cc.log"
+
+
+def runs(log):
+    return len(log.read_text().splitlines()) if log.exists() else 0
 
 
 @pytest.mark.parametrize(

@@ -5,7 +5,7 @@ import pyflakes.messages
 import pytest
 
 import editor
-from semantic_helpers import write
+from helpers import write
 
 UNDEFINED_AT_12 = "import os\n" + "\n" * 10 + "print(os.sep, shadowy)\n"
 
