@@ -1,17 +1,17 @@
 """Hostile arguments for the crash fuzzer: a sandbox of files to aim at, and values of every type
 and shape a host could pass by mistake.
 
-Everything here is drawn from one `random.Random`, so a seed replays the same values in the same
+Everything is drawn from one `random.Random`, so a seed replays the same values in the same
 order; objects that answer later (ducks, tampered module functions) carry a generator of their
-own, seeded when they are made, so the order in which the module happens to ask them does not
-shift the main stream.
+own, seeded when they are made, so the order in which the module asks them does not shift the
+main stream.
 
 Safety first, since the fuzzer runs as root and the module deletes, rewrites and creates files:
-a string that could reach the file system either names a path inside the sandbox (absolute,
-without ".."), or is relative without ".." components, or holds no "/" at all (so that even ".."
-stays inside: the working directory is two levels inside the sandbox). Texts meant as file contents may hold anything; they are produced by `text()`
-alone and kept out of path positions. `check_safe` walks every argument before a call and
-refuses the call if something slipped through.
+a string that could reach the file system names a path inside the sandbox (absolute, without
+".."), or is relative without ".." components, or holds no "/" at all (so that even ".." stays
+inside: the working directory is two levels inside the sandbox). File contents may hold
+anything; only `text()` makes them, and never for a path position. `check_safe` walks every
+argument before a call and refuses the call if something slipped through.
 """
 
 import inspect
@@ -184,10 +184,6 @@ def as_bytes(text):
     return text.encode("utf-8", "surrogatepass")
 
 
-def crc(text):
-    return zlib.crc32(as_bytes(text))
-
-
 # ---------------------------------------------------------------------------------------------
 # Hostile objects
 
@@ -241,15 +237,11 @@ class Duck:
     def __getattr__(self, name):
         if name.startswith("__"):
             raise AttributeError(name)
-        rng = random.Random(self._seed ^ crc(name))
+        rng = random.Random(self._seed ^ zlib.crc32(as_bytes(name)))
         roll = rng.random()
-        if roll < 0.15:
-            raise AttributeError(name)
         if roll < 0.25:
-            raise FuzzError(name)
-        if roll < 0.55:
-            return self._values.fork(rng).any(depth=1)
-        return Answers(self._values, rng.getrandbits(64))
+            raise (AttributeError if roll < 0.15 else FuzzError)(name)
+        return self._values.fork(rng).any(depth=1) if roll < 0.55 else Answers(self._values, rng.getrandbits(64))
 
 
 class Answers:
@@ -260,10 +252,8 @@ class Answers:
 
     def __call__(self, *args, **kwargs):
         roll = self._rng.random()
-        if roll < 0.1:
-            raise FuzzError("answer")
         if roll < 0.12:
-            raise FuzzInterrupt("answer")
+            raise (FuzzError if roll < 0.1 else FuzzInterrupt)("answer")
         return self._values.fork(self._rng).any(depth=1)
 
 
@@ -271,8 +261,7 @@ class Mutator:
     """Empties the container it sits in as soon as the module compares, hashes, prints or asks
     it anything: borrowed items read before that are stale afterwards."""
 
-    def __init__(self):
-        self.victim = None
+    victim = None
 
     def _strike(self, *args, **kwargs):
         victim, self.victim = self.victim, None
@@ -280,16 +269,13 @@ class Mutator:
             victim.clear()
         return False
 
-    def __eq__(self, other):
-        return self._strike()
+    __eq__ = _strike
 
     def __hash__(self):
-        self._strike()
-        return 7
+        return self._strike() or 7
 
     def __str__(self):
-        self._strike()
-        return "mutator"
+        return self._strike() or "mutator"
 
     __repr__ = __str__
 
@@ -318,17 +304,16 @@ class Node:
         self._members = members
 
     def __getattr__(self, name):
-        try:
-            value = self._members[name]
-        except KeyError:
-            raise AttributeError(name) from None
-        if isinstance(value, BaseException):
-            raise value
-        return value
+        if name not in self._members:
+            raise AttributeError(name)
+        if isinstance(self._members[name], BaseException):
+            raise self._members[name]
+        return self._members[name]
 
 
 class Unpicky(list):
-    """A list whose `append` is replaced (the scans' `out` argument)."""
+    """A list whose `append` is replaced (the scans' `out` argument): it raises, or empties the
+    list first, or just appends."""
 
     def __init__(self, behaviour):
         super().__init__()
@@ -342,42 +327,39 @@ class Unpicky(list):
         return super().append(item)
 
 
+SUBCLASS_METHODS = {
+    str: ["replace", "lower", "upper", "strip", "split", "rsplit", "encode", "startswith", "endswith",
+          "__eq__", "__hash__", "__str__", "__format__", "__getitem__", "__iter__", "__add__"],
+    int: ["__index__", "__int__", "__eq__", "__lt__", "__gt__", "__le__", "__ge__", "__hash__", "__bool__",
+          "__format__", "__str__", "__add__"],
+    dict: ["__getitem__", "__iter__", "keys", "items", "values", "get", "__len__", "__contains__", "pop",
+           "setdefault", "__eq__"],
+    list: ["__iter__", "__len__", "__getitem__", "pop", "append", "__contains__", "__eq__", "clear"],
+    tuple: ["__iter__", "__len__", "__getitem__", "__eq__", "__hash__"],
+}
+
+
 def hostile_subclass(base, value, rng, values):
-    """An instance of a fresh subclass of `base` holding `value`, with some of its methods
-    replaced by ones that raise or answer with the wrong type."""
-    names = {
-        str: ["replace", "lower", "upper", "strip", "split", "rsplit", "encode", "startswith", "endswith",
-              "__eq__", "__hash__", "__str__", "__format__", "__getitem__", "__iter__", "__add__"],
-        int: ["__index__", "__int__", "__eq__", "__lt__", "__gt__", "__le__", "__ge__", "__hash__", "__bool__",
-              "__format__", "__str__", "__add__"],
-        dict: ["__getitem__", "__iter__", "keys", "items", "values", "get", "__len__", "__contains__", "pop",
-               "setdefault", "__eq__"],
-        list: ["__iter__", "__len__", "__getitem__", "pop", "append", "__contains__", "__eq__", "clear"],
-        tuple: ["__iter__", "__len__", "__getitem__", "__eq__", "__hash__"],
-    }[base]
-    replaced = {}
-    for name in rng.sample(names, rng.randint(1, 3)):
-        replaced[name] = Answers(values, rng.getrandbits(64)) if name != "__hash__" else _bad_hash(rng)
-    cls = type(f"Hostile{base.__name__.title()}", (base,), {k: _as_method(v) for k, v in replaced.items()})
-    return cls(value)
+    """An instance of a fresh subclass of `base` holding `value`, with one to three of its
+    methods replaced by ones that raise or answer with the wrong type (a hash that raises, is no
+    int, or is out of range)."""
+    methods = {}
+    for name in rng.sample(SUBCLASS_METHODS[base], rng.randint(1, 3)):
+        answer = rng.choice([FuzzError("hash"), "not an int", 2**100, -1]) if name == "__hash__" else None
+        methods[name] = _as_method(Answers(values, rng.getrandbits(64)) if answer is None else _constant(answer))
+    return type(f"Hostile{base.__name__.title()}", (base,), methods)(value)
 
 
 def _as_method(answers):
-    def method(self, *args, **kwargs):
-        return answers(*args, **kwargs)
-    return method
+    return lambda self, *args, **kwargs: answers(*args, **kwargs)
 
 
-def _bad_hash(rng):
-    outcome = rng.choice(["raise", "str", "big", "negative"])
-
-    def answer(*args, **kwargs):
-        if outcome == "raise":
-            raise FuzzError("hash")
-        if outcome == "str":
-            return "not an int"
-        return 2**100 if outcome == "big" else -1
-    return answer
+def _constant(answer):
+    def call(*args, **kwargs):
+        if isinstance(answer, BaseException):
+            raise answer
+        return answer
+    return call
 
 
 # ---------------------------------------------------------------------------------------------
@@ -393,40 +375,35 @@ def module_functions(module):
 
 
 def call_shape(values, function):
-    """Positional and keyword arguments for one call, now and then a wrong call shape."""
+    """Positional and keyword arguments for one call, now and then a wrong call shape: an
+    argument missing, one too many, an unknown keyword, or one given twice."""
     rng = values.rng
     params = list(inspect.signature(function).parameters)
-    given = {}
-    for param in params:
-        given[param] = values.for_param(param)
+    given = {param: values.for_param(param) for param in params}
     if rng.random() < 0.05 and given:
-        given.pop(rng.choice(list(given)))  # a missing argument
+        given.pop(rng.choice(list(given)))
     split = rng.randint(0, len(params))
     args, kwargs = [], {}
     for index, param in enumerate(params):
-        if param not in given:
-            continue
-        if index < split and len(args) == index:
+        if param in given and index < split and len(args) == index:
             args.append(given[param])
-        else:
+        elif param in given:
             kwargs[param] = given[param]
     roll = rng.random()
     if roll < 0.03:
-        args.append(values.any(1))  # one too many
+        args.append(values.any(1))
     elif roll < 0.06:
         kwargs[UNKNOWN] = values.any(0)
     elif roll < 0.08 and args:
-        kwargs[params[0]] = args[0]  # given twice
+        kwargs[params[0]] = args[0]
     return args, kwargs
 
 
 def tamper(values, module, names):
     """Replaces one or two module attributes with hostile stand-ins; returns the new values."""
     rng = values.rng
-    replaced = {}
-    for name in rng.sample(names, rng.randint(1, 2)):
-        kind = rng.random()
-        replaced[name] = Answers(values, rng.getrandbits(64)) if kind < 0.5 else values.any(1)
+    replaced = {name: Answers(values, rng.getrandbits(64)) if rng.random() < 0.5 else values.any(1)
+                for name in rng.sample(names, rng.randint(1, 2))}
     for name, value in replaced.items():
         setattr(module, name, value)
     return replaced
@@ -448,81 +425,77 @@ def restore(module, saved):
 class Values:
     """Random arguments, safe to aim at the sandbox."""
 
-    def __init__(self, rng, sandbox):
-        self.rng = rng
-        self.sandbox = sandbox
+    def __init__(self, rng, sandbox, pool=None):
+        self.rng, self.sandbox = rng, sandbox
         self.texts = []  # the contents made for the current call (exempt from the path check)
-        self._pool = sandbox.paths()
+        self._pool = sandbox.paths() if pool is None else pool
 
     def fork(self, rng):
         """The same generator drawing from another stream (for objects that answer later)."""
-        other = Values.__new__(Values)
-        other.rng, other.sandbox, other.texts, other._pool = rng, self.sandbox, [], self._pool
-        return other
+        return Values(rng, self.sandbox, self._pool)
 
     def refresh_pool(self):
         self._pool = self.sandbox.paths()
+
+    def weighted(self, *choices):
+        """Calls one of `choices`, (weight, maker) pairs, picked by weight."""
+        roll = self.rng.random() * sum(weight for weight, _ in choices)
+        for weight, make in choices:
+            roll -= weight
+            if roll < 0:
+                return make()
+        return choices[-1][1]()
 
     # -- scalars ---------------------------------------------------------------------------------
 
     def name(self):
         """A string without "/": it can only name something in the working directory."""
-        rng = self.rng
-        text = "".join(rng.choice(NAME_PIECES) for _ in range(rng.randint(0, 4)))
+        text = "".join(self.rng.choice(NAME_PIECES) for _ in range(self.rng.randint(0, 4)))
         assert "/" not in text
         return text
 
     def path(self):
         rng = self.rng
-        roll = rng.random()
-        if roll < 0.7:
-            value = rng.choice(self._pool)
-            if rng.random() < 0.1 and value != str(self.sandbox.top):
-                value += rng.choice(["/", "/.", "\x00", "\udcff", "//", "/x"])
-            return value
-        return self.name()
+        if rng.random() >= 0.7:
+            return self.name()
+        value = rng.choice(self._pool)
+        if rng.random() < 0.1 and value != str(self.sandbox.top):
+            value += rng.choice(["/", "/.", "\x00", "\udcff", "//", "/x"])
+        return value
 
     def path_object(self):
         """A path in one of the forms a host might pass: str, bytes, Path, PathLike."""
-        rng = self.rng
-        value = self.path()
-        roll = rng.random()
-        if roll < 0.6:
-            return value
-        if roll < 0.7:
-            return as_bytes(value)
-        if roll < 0.85:
-            return Path(value.replace("\x00", ""))
-        if roll < 0.9:
-            return hostile_subclass(str, value, rng, self)
-        return FakePath(rng.choice([value, as_bytes(value), 3, None, FuzzError("fspath")]))
+        rng, value = self.rng, self.path()
+        return self.weighted(
+            (0.6, lambda: value), (0.1, lambda: as_bytes(value)), (0.15, lambda: Path(value.replace("\x00", ""))),
+            (0.05, lambda: hostile_subclass(str, value, rng, self)),
+            (0.1, lambda: FakePath(rng.choice([value, as_bytes(value), 3, None, FuzzError("fspath")]))))
 
     def text(self):
         rng = self.rng
-        roll = rng.random()
-        if roll < 0.05:
-            value = ""
-        elif roll < 0.1:
+        value = self.weighted(
+            (0.05, lambda: ""),
             # A large file: many lines of one snippet with breaks of every kind.
-            line = rng.choice(SNIPPETS).rstrip("\n")
-            value = "".join(line + rng.choice(LINE_BREAKS) for _ in range(rng.randint(200, 2000)))
-        elif roll < 0.2:
-            path = Path(rng.choice(self._pool))
-            try:
-                value = path.read_text(encoding="utf-8") if path.is_file() else ""
-            except (OSError, UnicodeDecodeError):
-                value = ""
-            value = self._mutate(value)
-        else:
-            value = "".join(rng.choice(SNIPPETS) for _ in range(rng.randint(1, 12)))
-            if rng.random() < 0.3:
-                value = self._mutate(value)
+            (0.05, lambda: "".join(rng.choice(SNIPPETS).rstrip("\n") + rng.choice(LINE_BREAKS)
+                                   for _ in range(rng.randint(200, 2000)))),
+            (0.1, lambda: self._mutate(self._file_text(Path(rng.choice(self._pool))))),
+            (0.8, lambda: self._snippets()))
         self.texts.append(value)
         return value
 
+    def _snippets(self):
+        value = "".join(self.rng.choice(SNIPPETS) for _ in range(self.rng.randint(1, 12)))
+        return self._mutate(value) if self.rng.random() < 0.3 else value
+
+    @staticmethod
+    def _file_text(path):
+        try:
+            return path.read_text(encoding="utf-8") if path.is_file() else ""
+        except (OSError, UnicodeDecodeError):
+            return ""
+
     def _mutate(self, text):
-        rng = self.rng
-        chars = list(text)
+        rng, chars = self.rng, list(text)
         for _ in range(rng.randint(1, 5)):
             at = rng.randint(0, len(chars))
             if rng.random() < 0.5 and chars:
@@ -533,45 +506,21 @@ class Values:
 
     def integer(self):
         rng = self.rng
-        roll = rng.random()
-        if roll < 0.5:
-            return rng.randint(-3, 12)
-        if roll < 0.8:
-            return rng.choice(INT_EDGES)
-        if roll < 0.85:
-            return rng.choice([True, False])
-        if roll < 0.9:
-            return hostile_subclass(int, rng.randint(0, 5), rng, self)
-        return rng.choice([1.0, "1", b"1", None, 1 + 0j])
+        return self.weighted(
+            (0.5, lambda: rng.randint(-3, 12)), (0.3, lambda: rng.choice(INT_EDGES)),
+            (0.05, lambda: rng.choice([True, False])), (0.05, lambda: hostile_subclass(int, rng.randint(0, 5), rng, self)),
+            (0.1, lambda: rng.choice([1.0, "1", b"1", None, 1 + 0j])))
 
     def scalar(self):
         rng = self.rng
-        kind = rng.randrange(14)
-        if kind == 0:
-            return None
-        if kind == 1:
-            return rng.choice([True, False])
-        if kind == 2:
-            return self.integer()
-        if kind == 3:
-            return rng.choice(FLOATS)
-        if kind in (4, 5):
-            return self.name()
-        if kind == 6:
-            return as_bytes(self.name()) if rng.random() < 0.8 else bytearray(as_bytes(self.name()))
-        if kind == 7:
-            return self.path()
-        if kind == 8:
-            return Hostile(rng.choice(["raise", "raise", "interrupt", None, 3, "x", b"x", -1, 2**70]))
-        if kind == 9:
-            return Duck(self, rng.getrandbits(64))
-        if kind == 10:
-            return rng.choice([Ellipsis, NotImplemented, int, str, object(), object, len, 1j, range(3)])
-        if kind == 11:
-            return Answers(self, rng.getrandbits(64))
-        if kind == 12:
-            return hostile_subclass(str, self.name(), rng, self)
-        return self.path_object()
+        return self.weighted(
+            (1, lambda: None), (1, lambda: rng.choice([True, False])), (1, self.integer),
+            (1, lambda: rng.choice(FLOATS)), (2, self.name), (1, self.path), (1, self.path_object),
+            (1, lambda: as_bytes(self.name()) if rng.random() < 0.8 else bytearray(as_bytes(self.name()))),
+            (1, lambda: Hostile(rng.choice(["raise", "raise", "interrupt", None, 3, "x", b"x", -1, 2**70]))),
+            (1, lambda: Duck(self, rng.getrandbits(64))), (1, lambda: Answers(self, rng.getrandbits(64))),
+            (1, lambda: rng.choice([Ellipsis, NotImplemented, int, str, object(), object, len, 1j, range(3)])),
+            (1, lambda: hostile_subclass(str, self.name(), rng, self)))
 
     # -- containers ------------------------------------------------------------------------------
 
@@ -579,28 +528,20 @@ class Values:
         rng = self.rng
         if depth <= 0 or rng.random() < 0.55:
             return self.scalar()
-        kind = rng.randrange(9)
         size = rng.choice([0, 1, 2, 3, 5])
-        if kind == 0:
+
+        def items():
             return [self.any(depth - 1) for _ in range(size)]
-        if kind == 1:
-            return tuple(self.any(depth - 1) for _ in range(size))
-        if kind == 2:
-            return self.mapping(depth - 1, size)
-        if kind == 3:
-            return self.nested()
-        if kind == 4:
-            return self.with_mutator(depth - 1)
-        if kind == 5:
-            base = rng.choice([dict, list, tuple])
-            items = self.mapping(depth - 1, size) if base is dict else [self.any(depth - 1) for _ in range(size)]
-            return hostile_subclass(base, items, rng, self)
-        if kind == 6:
-            return self.node()
-        if kind == 7:
-            return self.set_of(size)
-        later = self.fork(random.Random(rng.getrandbits(64)))
-        return (later.any(depth - 1) for _ in range(size))
+
+        def generator():  # its items are drawn as the module reads them, from a stream of their own
+            later = self.fork(random.Random(rng.getrandbits(64)))
+            return (later.any(depth - 1) for _ in range(size))
+
+        return self.weighted(
+            (1, items), (1, lambda: tuple(items())), (1, lambda: self.mapping(depth - 1, size)), (1, self.nested),
+            (1, lambda: self.with_mutator(depth - 1)), (1, self.node), (1, lambda: self.set_of(size)),
+            (1, lambda: hostile_subclass(dict, self.mapping(depth - 1, size), rng, self)),
+            (1, lambda: hostile_subclass(rng.choice([list, tuple]), items(), rng, self)), (1, generator))
 
     def set_of(self, size):
         result = set()
@@ -623,21 +564,18 @@ class Values:
 
     def nested(self):
         """A list or dict nested thousands deep."""
-        rng = self.rng
-        depth = rng.choice([50, 1000, 5000])
         value = self.scalar()
-        for _ in range(depth):
-            value = [value] if rng.random() < 0.5 else {"edges": value, "k": 1}
+        for _ in range(self.rng.choice([50, 1000, 5000])):
+            value = [value] if self.rng.random() < 0.5 else {"edges": value, "k": 1}
         return value
 
     def with_mutator(self, depth):
         mutator = Mutator()
         if self.rng.random() < 0.5:
-            container = [self.any(depth) for _ in range(2)] + [mutator] + [self.any(depth)]
+            mutator.victim = [self.any(depth), self.any(depth), mutator, self.any(depth)]
         else:
-            container = {self.name(): self.any(depth), "m": mutator, self.name() + "2": self.any(depth)}
-        mutator.victim = container
-        return container
+            mutator.victim = {self.name(): self.any(depth), "m": mutator, self.name() + "2": self.any(depth)}
+        return mutator.victim
 
     def node(self, depth=None):
         """A tree of node stand-ins; sometimes one long chain, or children that lead back to
@@ -646,9 +584,15 @@ class Values:
         if depth is None:
             roll = rng.random()
             if roll < 0.05:
-                return self._chain(rng.choice([1000, 50000]))
+                node = Node({"type": "ERROR", "is_missing": False, "has_error": True, "children": []})
+                for _ in range(rng.choice([1000, 50000])):
+                    node = Node({"type": "x", "is_missing": False, "has_error": True, "children": [node]})
+                return node
             if roll < 0.07:
-                return self._cycle()
+                top = Node({"type": "x", "is_missing": False, "has_error": True, "children": []})
+                middle = Node({"type": "x", "is_missing": False, "has_error": True, "children": [top]})
+                top._members["children"] = [Node({"type": "x", "is_missing": False, "has_error": False}), middle]
+                return top
             depth = rng.randint(0, 4)
         members = {
             "type": rng.choice(["ERROR", "x", "ERROR", "module", None, 3, Hostile("raise"),
@@ -657,27 +601,13 @@ class Values:
             "has_error": rng.choice([True, True, False, 1, Hostile("raise"), Hostile(None), FuzzError("flag")]),
             "start_point": rng.choice([(0, 0), (5, 1), (-1, 0), (2**70, 0), (), None, "row", [3],
                                        Hostile("raise"), (Hostile("raise"), 0), FuzzError("point")]),
+            "children": rng.choice([[], (), None]),
         }
         if depth > 0:
             kids = [self.node(depth - 1) for _ in range(rng.randint(0, 3))]
             members["children"] = rng.choice([kids, kids, tuple(kids), iter(kids), None, 5, "abc",
-                                              Hostile("raise"), FuzzError("children"),
-                                              [self.scalar()] + kids])
-        else:
-            members["children"] = rng.choice([[], (), None])
+                                              Hostile("raise"), FuzzError("children"), [self.scalar()] + kids])
         return Node(members)
-
-    def _cycle(self):
-        top = Node({"type": "x", "is_missing": False, "has_error": True, "children": []})
-        middle = Node({"type": "x", "is_missing": False, "has_error": True, "children": [top]})
-        top._members["children"] = [Node({"type": "x", "is_missing": False, "has_error": False}), middle]
-        return top
-
-    def _chain(self, length):
-        node = Node({"type": "ERROR", "is_missing": False, "has_error": True, "children": []})
-        for _ in range(length):
-            node = Node({"type": "x", "is_missing": False, "has_error": True, "children": [node]})
-        return node
 
     def real_node(self):
         """A node of a real tree-sitter parse, when the grammars are installed."""
@@ -686,8 +616,7 @@ class Values:
         except ImportError:
             return self.node()
         language = self.rng.choice(["python", "c", "javascript", "html", "css", "java"])
-        tree = get_parser(language).parse(self.text().encode("utf-8", "surrogatepass"))
-        node = tree.root_node
+        node = get_parser(language).parse(as_bytes(self.text())).root_node
         for _ in range(self.rng.randint(0, 3)):
             if not node.children:
                 break
@@ -698,29 +627,27 @@ class Values:
 
     def for_param(self, name):
         """A value for parameter `name`: mostly one of the right kind, sometimes anything."""
-        rng = self.rng
         make = getattr(self, "param_" + name, None)
-        if make is None or rng.random() < 0.2:
-            return self.any()
-        return make()
+        return self.any() if make is None or self.rng.random() < 0.2 else make()
 
     param_root = param_path = param_path_str = param_abs_path = param_p = path_object
     param_content = param_text = text
+    param_start_line = param_end_line = param_steps = param_count = param_cap = integer
+
+    def param_start(self):
+        value = self.path_object()
+        return Path(value) if isinstance(value, str) and "\x00" not in value else value
 
     def param_before_text(self):
         return None if self.rng.random() < 0.3 else self.text()
 
     def param_anchor(self):
-        rng = self.rng
-        if rng.random() < 0.3:
+        if self.rng.random() < 0.3:
             return None
         text = self.text()
-        at = rng.randint(0, len(text))
-        anchor = text[at:at + rng.randint(0, 40)]
-        self.texts.append(anchor)
-        return anchor
-
-    param_start_line = param_end_line = param_steps = param_count = param_cap = integer
+        at = self.rng.randint(0, len(text))
+        self.texts.append(text[at:at + self.rng.randint(0, 40)])
+        return self.texts[-1]
 
     def param_mode(self):
         return self.rng.choice(MODES)
@@ -733,37 +660,30 @@ class Values:
     def param_ext(self):
         return self.rng.choice(EXTENSIONS)
 
+    def param_exe(self):
+        return self.rng.choice(EXES)
+
+    def param_names(self):
+        names = tuple(self.rng.choice(EXES) for _ in range(self.rng.randint(0, 3)))
+        return names if self.rng.random() < 0.8 else list(names)
+
     def param_known_paths(self):
-        rng = self.rng
-        proj = str(self.sandbox.proj) + "/"
-        ids = [p[len(proj):] for p in self._pool if p.startswith(proj)]
-        known = [rng.choice(ids + [self.name()]) for _ in range(rng.choice([0, 1, 3, 12]))]
-        if rng.random() < 0.2:
-            known.append(self.scalar())
-        return known
+        rng, proj = self.rng, str(self.sandbox.proj) + "/"
+        ids = [p[len(proj):] for p in self._pool if p.startswith(proj)] + [self.name()]
+        return [rng.choice(ids) for _ in range(rng.choice([0, 1, 3, 12]))] + ([self.scalar()] if rng.random() < 0.2 else [])
 
     def param_node(self):
         return self.real_node() if self.rng.random() < 0.3 else self.node()
 
     def param_out(self):
-        rng = self.rng
-        return rng.choice([[], [], Unpicky("raise"), Unpicky("clear"), Unpicky("ok"), (), None, Duck(self, 1)])
-
-    def param_names(self):
-        rng = self.rng
-        names = tuple(rng.choice(EXES) for _ in range(rng.randint(0, 3)))
-        return names if rng.random() < 0.8 else list(names)
-
-    def param_exe(self):
-        return self.rng.choice(EXES)
+        return self.rng.choice([[], [], Unpicky("raise"), Unpicky("clear"), Unpicky("ok"), (), None, Duck(self, 1)])
 
     def param_cfg(self):
         import editor
 
-        rng = self.rng
         table = getattr(editor, "_COMPILER_LANGS", {})
-        base = dict(table[rng.choice(list(table))]) if table else {}
-        for key in rng.sample(list(base), rng.randint(0, 2)):
+        base = dict(table[self.rng.choice(list(table))]) if table else {}
+        for key in self.rng.sample(list(base), self.rng.randint(0, 2)):
             base[key] = self.any(1)
         return base
 
@@ -772,20 +692,11 @@ class Values:
         args = [rng.choice(["-I", "-cp", self.path(), self.name()]) for _ in range(rng.randint(0, 4))]
         return rng.choice([(args, self.path()), [args, self.path()], (args,), None, (self.any(1), self.path())])
 
-    def param_start(self):
-        value = self.path_object()
-        return Path(value) if isinstance(value, str) and "\x00" not in value else value
-
     def param_touched(self):
-        rng = self.rng
-        touched = {}
-        for _ in range(rng.randint(0, 4)):
-            touched[self.path()] = None if rng.random() < 0.2 else self.text()
-        return touched
+        return {self.path(): None if self.rng.random() < 0.2 else self.text() for _ in range(self.rng.randint(0, 4))}
 
     def param_snapshots(self):
-        rng = self.rng
-        records = []
+        rng, records = self.rng, []
         for _ in range(rng.randint(0, 4)):
             record = {"ts": rng.choice([0.0, 1.5, None]), "path": rng.choice([None, self.path()]),
                       "text_before": None if rng.random() < 0.3 else self.text(), "raw": self.any(1)}
