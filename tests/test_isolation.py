@@ -25,7 +25,7 @@ IMPORT_TWICE = """
     import sys
     try:
         import editor
-    except ImportError as exc:
+    except Exception as exc:
         print(type(exc).__name__, exc)
     print("editor" in sys.modules)
     sys.path.insert(0, {host!r})
@@ -42,6 +42,8 @@ IMPORT_TWICE = """
         ({"projstore.py": ""}, "ModuleNotFoundError No module named 'deeprun'"),
         ({"deeprun.py": "def run_deep(f): return f\n"}, "ModuleNotFoundError No module named 'projstore'"),
         ({"projstore.py": "", "deeprun.py": "x = 1\n"}, "ImportError cannot import name 'run_deep' from 'deeprun'"),
+        ({"projstore.py": "", "deeprun.py": "def run_deep(fn):\n    raise RuntimeError('no deep stack')\n"},
+         "RuntimeError no deep stack"),
     ],
 )
 def test_failed_import_leaves_no_module_and_a_later_import_succeeds(tmp_path, stand_ins, expected):
