@@ -2,9 +2,9 @@
 
 Each benchmark measures an operation beside its floor (the work the operation cannot avoid,
 timed in the same run on the same input) and reports the ratio, so a number means the same on
-a slow machine as on a fast one. Rows are printed as a table and kept in `ROWS`; when EDITOR_BENCH_ROWS
-names a file, each row is also appended to it as one JSON line, so a driver that runs every
-benchmark in a process of its own (bench/run_all.py) can collect them into one report.
+a slow machine as on a fast one. Rows are printed as a table; when EDITOR_BENCH_ROWS names a
+file, each row is also appended to it as one JSON line, so a driver that runs every benchmark in
+a process of its own (bench/run_all.py) can collect them into one report.
 """
 
 import json
@@ -19,8 +19,6 @@ ROOT = Path(__file__).resolve().parent.parent
 for entry in (ROOT / "host", ROOT / "build"):
     if str(entry) not in sys.path:
         sys.path.insert(0, str(entry))
-
-ROWS = []
 
 
 def median_time(fn, repeat=7, warmup=1):
@@ -56,7 +54,6 @@ def row(operation, size, median, floor, peak=None):
         "ratio": median / floor if floor else None,
         "peak_bytes": peak,
     }
-    ROWS.append(entry)
     if os.environ.get("EDITOR_BENCH_ROWS"):
         with open(os.environ["EDITOR_BENCH_ROWS"], "a", encoding="utf-8") as rows:
             rows.write(json.dumps(entry) + "\n")

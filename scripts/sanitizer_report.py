@@ -23,7 +23,10 @@ LEAK_START = re.compile(r"^(?:Direct|Indirect) leak of \d+ byte", re.M)
 def leak_blocks(report):
     """The leak paragraphs of one LeakSanitizer report."""
     starts = [match.start() for match in LEAK_START.finditer(report)]
-    ends = starts[1:] + [report.find("SUMMARY:", starts[-1]) if starts else 0]
+    if not starts:
+        return []
+    summary = report.find("SUMMARY:", starts[-1])
+    ends = starts[1:] + [summary if summary >= 0 else len(report)]
     return [report[start:end].strip() for start, end in zip(starts, ends)]
 
 
