@@ -173,7 +173,7 @@ Ref apply_block(PyObject* module, const BlockEdit& edit) {
     const std::array<std::string_view, 5> pieces{
         utf8.substr(0, cut_before), tail_needs_newline ? "\n" : "", block, block_needs_newline ? "\n" : "",
         utf8.substr(cut_after)};
-    write_in_place(edit.abs_path, pieces);
+    write_in_place(module, edit.root, edit.abs_path, pieces);
 
     Ref syntax = call_kw(ns(module, "syntax_check").get(), {edit.abs_path}, {{"before_text", text.get()}});
     return result({{"replaced", replaced.get()}, {"at", start.value.get()}, {"syntax", syntax.get()}});

@@ -16,12 +16,7 @@ Ref create_file(PyObject* module, PyObject* root, PyObject* abs_path, PyObject* 
         return refusal(check(PyUnicode_FromFormat("%S already exists -- use edit_lines to change it", abs_path)));
     }
     // Content UTF-8 cannot hold raises here, before any directory or the file is made.
-    (void)utf8_of(content);
-    Ref parent = call(ns_attr(module, "os", "path", "dirname").get(), abs_path);
-    (void)call_kw(ns_attr(module, "os", "makedirs").get(), {parent.get()}, {{"exist_ok", Py_True}});
-    Ref file = call(ns(module, "Path").get(), abs_path);
-    Ref encoding = str("utf-8");
-    (void)call_kw(attr(file.get(), "write_text").get(), {content}, {{"encoding", encoding.get()}});
+    write_new(module, root, abs_path, utf8_of(content));
     // A new file has no text before the edit: the check is absolute, not a delta.
     Ref syntax = call(ns(module, "syntax_check").get(), abs_path);
     return result({{"created", abs_path}, {"syntax", syntax.get()}});

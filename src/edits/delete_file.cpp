@@ -7,23 +7,6 @@
 #include "paths/paths.hpp"
 
 namespace editor::edits {
-namespace {
-
-// The removal itself, with the host's own functions: rmtree for a directory (which refuses a
-// link to one rather than follow it, and unlinks the links inside a tree without following
-// them), unlink for anything else (a link to a file loses the link, not its target).
-Ref remove(PyObject* module, PyObject* abs_path) {
-    const bool directory = path_is(module, "isdir", abs_path);
-    if (directory) {
-        (void)call(ns_attr(module, "shutil", "rmtree").get(), abs_path);
-    } else {
-        (void)call(ns_attr(module, "os", "unlink").get(), abs_path);
-    }
-    Ref was = str(directory ? "directory" : "file");
-    return result({{"deleted", abs_path}, {"was", was.get()}});
-}
-
-}  // namespace
 
 Ref delete_file(PyObject* module, PyObject* root, PyObject* abs_path) {
     if (!paths::confined(module, root, abs_path)) return refusal("path escapes the project root");
@@ -38,7 +21,8 @@ Ref delete_file(PyObject* module, PyObject* root, PyObject* abs_path) {
         return refusal(check(PyUnicode_FromFormat("%S does not exist", abs_path)));
     }
     try {
-        return remove(module, abs_path);
+        Ref was = str(remove_below(module, root, abs_path) ? "directory" : "file");
+        return result({{"deleted", abs_path}, {"was", was.get()}});
     } catch (const PyError& error) {
         if (!error.matches(PyExc_OSError)) throw;
         return refusal(check(PyUnicode_FromFormat("could not delete %S: %S", abs_path, error.value())));

@@ -1,5 +1,5 @@
-// The file-system work of the edits: the host's own reads and path tests, and the one in-place
-// write of an edited file.
+// The file-system work of the edits: the host's own reads and path tests, and the writes, each
+// confined to the project root.
 #pragma once
 #include <Python.h>
 
@@ -17,9 +17,22 @@ bool path_is(PyObject* module, const char* test, PyObject* path);
 // text UTF-8 cannot hold (lone surrogates).
 std::string_view utf8_of(PyObject* text);
 
+// The writes below the project root. Each reaches its target from a descriptor of `root`
+// without following any link out of it (beneath.hpp), so a path that leaves the root at the
+// moment of the write fails with the host's OSError for EXDEV and nothing is written. Failures
+// raise the host's OSError subclass for the errno, naming the path as the host's own call would.
+
 // Replaces the content of the existing file at `path` with the concatenated pieces: opened for
 // writing and truncated, never replaced by another file, so its inode, mode bits and links stay.
-// Failures raise the host's OSError subclass for the errno, naming the path as `open` would.
-void write_in_place(PyObject* path, std::span<const std::string_view> pieces);
+void write_in_place(PyObject* module, PyObject* root, PyObject* path, std::span<const std::string_view> pieces);
+
+// Makes the missing parent directories of `path` (as os.makedirs(..., exist_ok=True) would) and
+// writes `content` to it as a new file (created, or truncated, as Path.write_text would).
+void write_new(PyObject* module, PyObject* root, PyObject* path, std::string_view content);
+
+// Removes `path`: a directory with everything below it, never descending through a link, or
+// the name of anything else. A link to a directory raises OSError and nothing is removed.
+// True when a directory was removed.
+bool remove_below(PyObject* module, PyObject* root, PyObject* path);
 
 }  // namespace editor::edits
