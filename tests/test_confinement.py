@@ -1,0 +1,185 @@
+"""Writes stay under the root when the tree changes under them: a directory swapped for a link
+out of the root between the checks and the write, links to directories given to deletion, links
+and named pipes inside a tree being removed, a named pipe swapped in for the file written."""
+
+import errno
+import os
+import subprocess
+import sys
+import threading
+import types
+from pathlib import Path
+
+import pytest
+
+import editor
+from helpers import tree_digest
+
+OUTSIDE_TEXT = b"outside\n"
+# shutil.rmtree's refusal of a link to a directory, as the host prints it (the filename is set
+# on an error that has no errno).
+LINK_REFUSED = "could not delete {path}: [Errno None] None: '{path}'"
+
+
+@pytest.fixture
+def layout(project, checker):
+    """`sub/b.txt` under the root, and an `outside/b.txt` a misdirected write would land on."""
+    (project / "sub").mkdir()
+    (project / "sub" / "b.txt").write_bytes(b"inside\n")
+    (project.parent / "outside" / "b.txt").write_bytes(OUTSIDE_TEXT)
+    return project
+
+
+def within(seconds, call):
+    """call(), failing the test when it has not returned after `seconds` (a blocked open)."""
+    outcome = {}
+
+    def run():
+        try:
+            outcome["value"] = call()
+        except BaseException as error:  # handed to the test's thread
+            outcome["error"] = error
+
+    worker = threading.Thread(target=run, daemon=True)
+    worker.start()
+    worker.join(seconds)
+    assert not worker.is_alive(), f"still blocked after {seconds} s"
+    if "error" in outcome:
+        raise outcome["error"]
+    return outcome["value"]
+
+
+def after_existence_test(monkeypatch, change):
+    """Runs change() right after the operation's existence test, the module's last look before
+    it writes: the module's `os` is replaced by one whose os.path.exists does that."""
+    def exists(path):
+        answer = os.path.exists(path)
+        change()
+        return answer
+
+    names = ("realpath", "normcase", "dirname", "join", "isdir")
+    path = types.SimpleNamespace(exists=exists, **{name: getattr(os.path, name) for name in names})
+    monkeypatch.setattr(editor, "os", types.SimpleNamespace(path=path))
+
+
+def link_sub_out(root, spelling):
+    """Moves `sub` aside (still under the root) and puts a link to `outside` in its place."""
+    os.rename(root / "sub", root / "moved")
+    os.symlink(root.parent / "outside" if spelling == "absolute" else "../outside", root / "sub")
+
+
+@pytest.mark.parametrize("spelling", ["absolute", "relative"])
+@pytest.mark.parametrize(
+    ("operation", "relative", "expected"),
+    [
+        ("apply_block", "sub/b.txt", OSError),
+        ("create_file", "sub/new.txt", OSError),
+        ("create_file", "sub/deeper/new.txt", OSError),
+        ("delete_file", "sub/b.txt", "could not delete {path}: [Errno 18] Invalid cross-device link: '{path}'"),
+        ("delete_file", "sub", LINK_REFUSED),
+    ],
+)
+def test_a_link_out_swapped_in_after_the_checks_is_not_followed(layout, monkeypatch, spelling, operation,
+                                                                relative, expected):
+    digests = {}
+    after_existence_test(monkeypatch, lambda: (link_sub_out(layout, spelling),
+                                               digests.setdefault("swapped", tree_digest(layout.parent))))
+    path = str(layout / relative)
+    args = {"apply_block": (1, None, "written\n"), "create_file": ("written\n",), "delete_file": ()}[operation]
+    if expected is OSError:
+        with pytest.raises(OSError) as caught:
+            getattr(editor, operation)(str(layout), path, *args)
+        assert caught.value.errno == errno.EXDEV
+    else:
+        assert getattr(editor, operation)(str(layout), path) == {"error": expected.format(path=path)}
+    assert tree_digest(layout.parent) == digests["swapped"]
+
+
+@pytest.mark.parametrize("target", ["absolute", "relative"])
+@pytest.mark.parametrize("slash", ["", "/"])
+def test_a_link_to_a_directory_is_refused_however_it_is_written(layout, target, slash):
+    (layout / "sub" / "deep").mkdir()
+    (layout / "sub" / "deep" / "c.txt").write_bytes(b"c\n")
+    os.symlink(layout / "sub" if target == "absolute" else "sub", layout / "pkg_link")
+    digest = tree_digest(layout.parent)
+    path = f"{layout}/pkg_link{slash}"
+    assert editor.delete_file(str(layout), path) == {"error": LINK_REFUSED.format(path=path)}
+    assert tree_digest(layout.parent) == digest
+
+
+def test_removing_a_tree_takes_its_links_and_pipes_and_nothing_behind_them(layout):
+    tree = layout / "tree"
+    (tree / "nested").mkdir(parents=True)
+    (tree / "nested" / "file.txt").write_bytes(b"x\n")
+    os.symlink(layout.parent / "outside", tree / "out_dir")
+    os.symlink(layout.parent / "outside" / "secret.txt", tree / "nested" / "out_file")
+    os.symlink("../../sub", tree / "nested" / "sub_link")
+    os.mkfifo(tree / "nested" / "pipe")
+    kept = tree_digest(layout.parent / "outside"), tree_digest(layout / "sub")
+    assert within(10, lambda: editor.delete_file(str(layout), str(tree))) == {"deleted": str(tree),
+                                                                              "was": "directory"}
+    assert not tree.exists() and (tree_digest(layout.parent / "outside"), tree_digest(layout / "sub")) == kept
+
+
+class PipeAfterRead(type(Path())):
+    """The host's Path, except that reading a file replaces it with a named pipe afterwards."""
+
+    def read_text(self, *args, **kwargs):
+        text = super().read_text(*args, **kwargs)
+        self.unlink()
+        os.mkfifo(self)
+        return text
+
+
+@pytest.mark.parametrize("operation", ["apply_block", "create_file"])
+def test_a_named_pipe_swapped_in_fails_the_write_instead_of_blocking_it(layout, monkeypatch, operation):
+    target = layout / "sub" / ("b.txt" if operation == "apply_block" else "new.txt")
+    if operation == "apply_block":
+        monkeypatch.setattr(editor, "Path", PipeAfterRead)
+        call = lambda: editor.apply_block(str(layout), str(target), 1, None, "written\n")  # noqa: E731
+    else:
+        after_existence_test(monkeypatch, lambda: os.mkfifo(target))
+        call = lambda: editor.create_file(str(layout), str(target), "written\n")  # noqa: E731
+    with pytest.raises(OSError) as caught:
+        within(10, call)
+    assert caught.value.errno == errno.ENXIO and target.is_fifo()
+
+
+SWAPPER = """
+import ctypes, os, sys, time
+libc = ctypes.CDLL(None, use_errno=True)
+sub, link = os.fsencode(sys.argv[1]), os.fsencode(sys.argv[2])
+deadline = time.monotonic() + float(sys.argv[3])
+print("ready", flush=True)
+while time.monotonic() < deadline:
+    if libc.renameat2(-100, sub, -100, link, 2) != 0:  # AT_FDCWD, RENAME_EXCHANGE
+        raise OSError(ctypes.get_errno(), "renameat2")
+"""
+
+
+@pytest.mark.heavy
+def test_block_edits_racing_a_directory_exchange_never_write_outside(layout):
+    """Another process swaps `sub` with a link to `outside` (atomically, RENAME_EXCHANGE) as fast
+    as it can while `sub/b.txt` is edited: every write lands under the root or fails."""
+    rounds = int(os.environ.get("EDITOR_RACE_ROUNDS", "2000"))
+    os.symlink(layout.parent / "outside", layout / "link")
+    outside = layout.parent / "outside" / "b.txt"
+    swapper = subprocess.Popen([sys.executable, "-c", SWAPPER, str(layout / "sub"), str(layout / "link"), "300"],
+                               stdout=subprocess.PIPE, text=True)
+    landed_outside = saw_the_link = 0
+    try:
+        assert swapper.stdout.readline() == "ready\n"
+        for n in range(rounds):
+            try:
+                receipt = editor.apply_block(str(layout), str(layout / "sub" / "b.txt"), 1, None, f"round {n}\n")
+                saw_the_link += "error" in receipt
+            except OSError:
+                saw_the_link += 1
+            if outside.read_bytes() != OUTSIDE_TEXT:
+                landed_outside += 1
+                outside.write_bytes(OUTSIDE_TEXT)
+        assert swapper.poll() is None, "the swapping process stopped early"
+    finally:
+        swapper.kill()
+        swapper.wait(timeout=10)
+    assert landed_outside == 0 and saw_the_link > 0, (landed_outside, saw_the_link, rounds)
