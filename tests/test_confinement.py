@@ -4,6 +4,7 @@ and named pipes inside a tree being removed, a named pipe swapped in for the fil
 
 import errno
 import os
+import shutil
 import subprocess
 import sys
 import threading
@@ -13,7 +14,7 @@ from pathlib import Path
 import pytest
 
 import editor
-from helpers import tree_digest
+from helpers import immutable, tree_digest
 
 OUTSIDE_TEXT = b"outside\n"
 # shutil.rmtree's refusal of a link to a directory, as the host prints it (the filename is set
@@ -119,6 +120,22 @@ def test_removing_a_tree_takes_its_links_and_pipes_and_nothing_behind_them(layou
     assert within(10, lambda: editor.delete_file(str(layout), str(tree))) == {"deleted": str(tree),
                                                                               "was": "directory"}
     assert not tree.exists() and (tree_digest(layout.parent / "outside"), tree_digest(layout / "sub")) == kept
+
+
+@pytest.mark.parametrize("locked", ["locked", "locked/inner"])
+def test_a_tree_that_cannot_be_removed_is_refused_with_the_hosts_text(layout, locked):
+    tree = layout / "tree"
+    (tree / "locked" / "inner").mkdir(parents=True)
+    (tree / "locked" / "inner" / "f.txt").write_bytes(b"f\n")
+    (tree / "locked" / "g.txt").write_bytes(b"g\n")
+    with immutable(tree / locked):
+        refusal = editor.delete_file(str(layout), str(tree))
+        digest = tree_digest(layout.parent)
+        # The host's own removal of what is left stops at the same place, with the same error.
+        with pytest.raises(OSError) as caught:
+            shutil.rmtree(tree)
+        assert refusal == {"error": f"could not delete {tree}: {caught.value}"}
+        assert tree_digest(layout.parent) == digest and any((tree / locked).iterdir())
 
 
 class PipeAfterRead(type(Path())):

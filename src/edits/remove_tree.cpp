@@ -31,7 +31,9 @@ struct Level {
 };
 
 // Opens `name` in `parent` as a directory, never through a link, and lists it onto `levels`.
-// The whole listing is read first, so removals do not disturb the reading. 0 or the errno.
+// The whole listing is read first, so removals do not disturb the reading. The entries are
+// taken from the back, in shutil.rmtree's order, so a failure names what the host's would:
+// the other entries in listing order first, then the directories, the last listed first.
 int enter(std::vector<Level>& levels, int parent, const std::string& name) {
     const int fd = ::openat(parent, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
     if (fd < 0) return errno;
@@ -42,6 +44,7 @@ int enter(std::vector<Level>& levels, int parent, const std::string& name) {
         return error;
     }
     Level level{std::move(dir), {}, name};
+    std::vector<Entry> others;
     while (true) {
         errno = 0;
         const dirent* entry = ::readdir(level.dir.get());
@@ -50,17 +53,24 @@ int enter(std::vector<Level>& levels, int parent, const std::string& name) {
             break;
         }
         const std::string_view entry_name(entry->d_name);
-        if (entry_name != "." && entry_name != "..") level.entries.push_back({std::string(entry_name), entry->d_type});
+        if (entry_name == "." || entry_name == "..") continue;
+        (entry->d_type == DT_DIR ? level.entries : others).push_back({std::string(entry_name), entry->d_type});
     }
+    level.entries.insert(level.entries.end(), others.rbegin(), others.rend());
     levels.push_back(std::move(level));
     return 0;
 }
 
-// The path below the target of `name` in the innermost directory being emptied.
-std::string below_target(const std::vector<Level>& levels, const std::string& name) {
+// The path below the target of the directory being emptied, or of `name` inside it.
+std::string below_target(const std::vector<Level>& levels, std::string_view name = {}) {
     std::string path;
-    for (std::size_t depth = 1; depth < levels.size(); ++depth) path += levels[depth].name + "/";
-    return path + name;
+    for (std::size_t depth = 1; depth < levels.size(); ++depth) {
+        if (!path.empty()) path += '/';
+        path += levels[depth].name;
+    }
+    if (!name.empty() && !path.empty()) path += '/';
+    path += name;
+    return path;
 }
 
 // Removes the directory `name` in `parent` and everything below it, depth first, without
@@ -107,7 +117,7 @@ int remove_tree(int parent, const std::string& name, std::string& failed_at) {
         }
         if (::unlinkat(here, entry.name.c_str(), 0) != 0 && errno != ENOENT) {
             const int error = errno;
-            failed_at = below_target(levels, entry.name);
+            failed_at = below_target(levels);  // as the host names it: the directory being emptied
             return error;
         }
     }
