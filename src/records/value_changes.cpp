@@ -25,7 +25,8 @@ constexpr Py_ssize_t module_suffix_length = sizeof(module_suffix) - 1;
 struct Keys {
     Ref module_suffix = str(editor::records::module_suffix);
     Ref css_marker = str("::css::");
-    Ref rhs = str("rhs");
+    // Interned, as the key in records written from source is: found by identity at the first probe.
+    Ref rhs = check(PyUnicode_InternFromString("rhs"));
     Ref empty = check(PyUnicode_FromStringAndSize("", 0));
 };
 
@@ -210,13 +211,16 @@ private:
         Py_ssize_t position = 0;
         PyObject* name = nullptr;
         PyObject* records = nullptr;
+        Py_ssize_t shared = 0;
         if (names_before != nullptr) {
             while (PyDict_Next(names_before, &position, &name, &records)) {
                 PyObject* records_after = names_after ? PyDict_GetItemWithError(names_after, name) : nullptr;
+                shared += records_after != nullptr;
                 if (!compare_binding(scope, kind, name, records, records_after)) return false;
             }
         }
-        if (names_after == nullptr) return true;
+        // Names only the after map has are looked for only when there are some.
+        if (names_after == nullptr || shared == PyDict_GET_SIZE(names_after)) return true;
         position = 0;
         while (PyDict_Next(names_after, &position, &name, &records)) {
             if (names_before != nullptr && PyDict_GetItemWithError(names_before, name) != nullptr) continue;
