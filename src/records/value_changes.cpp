@@ -134,8 +134,8 @@ public:
     explicit PlainComparison(const Keys& keys) : keys_(keys) {}
 
     std::optional<std::vector<Difference>> run(PyObject* defs_before, PyObject* defs_after) {
-        // Every lookup below goes into a dict whose keys are all exact strs, so no host __eq__
-        // or __hash__ can run and change what is being iterated.
+        // Every lookup here goes into a dict whose keys are all exact strs (checked before it),
+        // so no host __eq__ or __hash__ can run and change what is being iterated.
         if (!keys_are(defs_before, exact_str) || !keys_are(defs_after, exact_str)) {
             return std::nullopt;
         }
@@ -180,7 +180,7 @@ private:
         const Py_ssize_t count = PyList_GET_SIZE(records);
         if (count == 0) return true;
         PyObject* last = PyList_GET_ITEM(records, count - 1);
-        if (!PyDict_CheckExact(last)) return false;
+        if (!PyDict_CheckExact(last) || !keys_are(last, exact_str)) return false;
         PyObject* rhs = PyDict_GetItemWithError(last, keys_.rhs.get());
         *value = rhs != nullptr ? rhs : keys_.empty.get();
         return PyUnicode_CheckExact(*value);
