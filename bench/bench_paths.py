@@ -1,7 +1,7 @@
 """resolve_target over 100,000 known paths, beside its floor and the plain-Python loop.
 
 The floor is the bare scan of the entries: each str's UTF-8 buffer and length read in C
-(scan_floor.c, built here with the compiler the module was built with; a benchmark-only helper).
+(scan_floor.c, built here with the system C compiler; a helper of the benchmark alone).
 The plain-Python loop does the same matching with str.replace and str.lower per entry. All three
 are timed in turns on the same list. Targets: at most 1.5x the floor, at least 10x faster than
 the loop.
