@@ -1,16 +1,14 @@
 """Block edits on Python and text files of growing size, against the read + write floor.
 
 The edit is timed with a trivial syntax check installed on the module, so it measures the edit
-itself; the floor is the host reading the same file as text and writing it back. The module's
-real syntax check is timed alone beside it when the module has one. Peak memory is what the
+itself; the floor is the host reading the same file as text and writing it back, timed in turns
+with the edits. The syntax check has floors of its own (bench_parse.py). Peak memory is what the
 Python allocators hold at most during one call, shown with its ratio to the file size.
 """
 
-import statistics
-import sys
 from pathlib import Path
 
-from harness import median_time, peak_memory, row
+from harness import interleaved, peak_memory, row
 
 import editor
 
@@ -23,17 +21,8 @@ PY_BLOCK = ("def handler_{i}(request, *, retries=3):\n"
             "            return result\n"
             "    raise TimeoutError(f\"gave up after {{retries}} tries\")\n"
             "\n")
+HEADLINE = "py 100k lines"  # the case the README's summary shows (the edit by line)
 TEXT_LINE = "line {i:08d}: the quick brown fox jumps over the lazy dog, again and again\n"
-
-
-def alternating_medians(operations, rounds):
-    """Median time of each operation, measured in alternation so the floor and the operations
-    share whatever the disk and the page cache are doing at the time."""
-    samples = [[] for _ in operations]
-    for _ in range(rounds):
-        for times, operation in zip(samples, operations):
-            times.append(median_time(operation, repeat=1, warmup=0))
-    return [statistics.median(times) for times in samples]
 
 
 def python_source(lines):
@@ -52,7 +41,7 @@ def cases():
     yield "txt 50 MB", "txt", plain_text(50 * 2**20 // len(TEXT_LINE.format(i=0)))
 
 
-def bench_case(label, suffix, lines, real_check):
+def bench_case(label, suffix, lines):
     path = SCRATCH / f"{label.replace(' ', '_')}.{suffix}"
     text = "".join(lines)
     path.write_text(text, encoding="utf-8")
@@ -75,36 +64,27 @@ def bench_case(label, suffix, lines, real_check):
         assert receipt["at"] == middle, receipt
 
     rounds = 7 if size > 10 * 2**20 else 31 if size > 2**20 else 201
-    floor(), by_line(), by_anchor()  # warm the page cache and the code paths
-    floor_time, line_time, anchor_time = alternating_medians((floor, by_line, by_anchor), rounds)
+    floor_time, line_time, anchor_time = interleaved((floor, by_line, by_anchor), rounds)
     size_text = f"{size / 2**20:.1f} MiB" if size > 2**20 else f"{size / 2**10:.0f} KiB"
     row(f"read+write floor, {label}", size_text, floor_time, None, peak_memory(floor))
-    for name, operation, median in (("apply_block line", by_line, line_time),
-                                    ("apply_block anchor", by_anchor, anchor_time)):
+    for name, operation, median in (("line", by_line, line_time), ("anchor", by_anchor, anchor_time)):
         peak = peak_memory(operation)
-        row(f"{name}, {label}", size_text, median, floor_time, peak)
+        summary = "apply_block" if label == HEADLINE and name == "line" else None
+        row(f"apply_block {name}, {label}", size_text, median, floor_time, peak, summary=summary)
         print(f"{'':<40} peak / file size = {peak / size:.2f}")
     assert path.read_text(encoding="utf-8") == text, "the edits must leave the text as it was"
-    if real_check is not None:
-        check_time = median_time(lambda: real_check(target, before_text=text), repeat=min(rounds, 31))
-        row(f"syntax_check alone, {label}", size_text, check_time, floor_time)
     path.unlink()
 
 
 def main():
     SCRATCH.mkdir(parents=True, exist_ok=True)
-    real_check = getattr(editor, "syntax_check", None)
-    if real_check is None:
-        print("editor has no syntax_check yet: the check alone is not timed", file=sys.stderr)
+    real_check = editor.syntax_check
     editor.syntax_check = lambda abs_path, before_text=None: "ok"
     try:
         for label, suffix, lines in cases():
-            bench_case(label, suffix, lines, real_check)
+            bench_case(label, suffix, lines)
     finally:
-        if real_check is None:
-            del editor.syntax_check
-        else:
-            editor.syntax_check = real_check
+        editor.syntax_check = real_check
 
 
 if __name__ == "__main__":

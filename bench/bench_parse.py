@@ -1,22 +1,20 @@
-"""Parse checks against their floors.
+"""Parse checks against their floors, each timed in turns with its floor on the same file.
 
-For Python the floor is the host's bare `compile` of the text; for C and JavaScript it is a bare
-`parser.parse` of the encoded text with a parser made beforehand. `syntax_check` adds the file
-read, the hop onto the deep-stack thread, the grammar lookup and, with a baseline, the
-embedded-region scan of Python source. Files are generated clean (target: at most 1.2x the
-floor), then with one error per thousand lines (no target: the error scans and the baseline
-parse are the work being measured). Last, the region finder beside `compile` on 10k lines.
+Floors: without a baseline, the host's bare `compile` of the text for Python and a bare
+`parser.parse` of the encoded text (parser made beforehand) for C and JavaScript. With a baseline,
+Python adds the embedded-region scan of the new text (`embedscan._embedded_regions`), and of the
+earlier text too when the new one has embedded errors; C and JavaScript parse the earlier text as
+well when the new one has errors. Texts are encoded for tree-sitter beforehand. Files are
+generated clean, then with one error per thousand lines.
 
 Run: python bench/bench_parse.py
 """
 
-import statistics
 import sys
 import tempfile
-import time
 from pathlib import Path
 
-from harness import row
+from harness import interleaved, row
 
 import editor
 import embedscan
@@ -105,26 +103,28 @@ def source(unit, lines, broken=None):
     return "".join(parts)
 
 
-def medians(functions, repeat):
-    """Median wall time of each function, measured in turns (one run of each per round) so that
-    load from other processes falls on the operation and its floor alike."""
-    for function in functions:
-        function()
-    times = [[] for _ in functions]
-    for _ in range(repeat):
-        for function, spent in zip(functions, times):
-            start = time.perf_counter()
-            function()
-            spent.append(time.perf_counter() - start)
-    return [statistics.median(spent) for spent in times]
-
-
-def floor_of(ext, text):
+def parser_of(ext):
     if ext == ".py":
-        return lambda: compile(text, "bench.py", "exec")
-    parser = get_parser({".c": "c", ".js": "javascript"}[ext])
-    data = text.encode("utf-8")
-    return lambda: parser.parse(data)
+        return lambda text: compile(text, "bench.py", "exec")
+    parse = get_parser({".c": "c", ".js": "javascript"}[ext]).parse
+    return lambda data: parse(data)
+
+
+def floors(ext, text, before, broken):
+    """The work of a check, without and with a baseline, that no implementation can skip."""
+    parse = parser_of(ext)
+    new, old = (text, before) if ext == ".py" else (text.encode("utf-8"), before.encode("utf-8"))
+
+    def with_baseline():
+        parse(new)
+        if ext == ".py":
+            embedscan._embedded_regions(text)
+            if broken:
+                embedscan._embedded_regions(before)
+        elif broken:
+            parse(old)
+
+    return (lambda: parse(new)), with_baseline
 
 
 def bench_checks(directory, broken):
@@ -137,20 +137,16 @@ def bench_checks(directory, broken):
             path.write_text(text, encoding="utf-8")
             expected = editor.syntax_check(str(path))
             assert (expected == "ok") is (not broken or ext == ".py"), expected
-            floor, absolute, delta = medians(
-                [floor_of(ext, text), lambda: editor.syntax_check(str(path)),
-                 lambda: editor.syntax_check(str(path), before_text=before)],
-                repeat=5 if lines == 100_000 else 21)
+            floor, floor_with_baseline = floors(ext, text, before, broken)
+            absolute_floor, absolute, delta_floor, delta = interleaved(
+                [floor, lambda: editor.syntax_check(str(path)),
+                 floor_with_baseline, lambda: editor.syntax_check(str(path), before_text=before)],
+                rounds=5 if lines == 100_000 else 21)
             size = f"{text.count(chr(10))} lines"
-            row(f"syntax_check {ext} {state}", size, absolute, floor)
-            row(f"syntax_check {ext} {state} +baseline", size, delta, floor)
-
-
-def bench_region_finder():
-    text = source(PY_UNIT, 10_000)
-    floor, scan = medians([lambda: compile(text, "bench.py", "exec"), lambda: embedscan._embedded_regions(text)],
-                          repeat=21)
-    row("embedscan._embedded_regions", f"{text.count(chr(10))} lines", scan, floor)
+            headline = broken and lines == SIZES[-1] and ext != ".js"
+            row(f"syntax_check {ext} {state}", size, absolute, absolute_floor)
+            row(f"syntax_check {ext} {state} +baseline", size, delta, delta_floor,
+                summary=f"syntax_check {ext}, baseline, file with errors" if headline else None)
 
 
 def main():
@@ -158,7 +154,6 @@ def main():
     with tempfile.TemporaryDirectory() as scratch:
         bench_checks(Path(scratch), broken=False)
         bench_checks(Path(scratch), broken=True)
-    bench_region_finder()
 
 
 if __name__ == "__main__":

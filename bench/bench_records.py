@@ -1,22 +1,22 @@
-"""Session records: static_diff, the ledger, session_diff and rollback, each beside its floor.
+"""Session records: static_diff, the ledger, session_diff and rollback, each timed in turns
+with its floor on the same input.
 
-Floors are the host calls an operation cannot avoid, timed on the same input in the same run:
-the bare set operations of the map comparison; json.loads + json.dumps(indent=1) of the
-ledger (and, as a second floor, the same with the file read, the write and the state-directory
-look-ups); the difflib calls of the session diff; the text writes of a rollback.
+Floors are the work an operation cannot avoid: for static_diff, the set operations on the edges
+and symbols plus one walk over both definition tables reading every bound value; for the ledger calls, the state-directory
+look-ups, the whole-file read, json.loads, json.dumps(indent=1) and the write, on a ledger reset
+before every call; the file reads and difflib calls of the session diff; the text writes of a
+rollback, on a fresh snapshot stack for every call.
 """
 
 import difflib
 import json
 import os
 import random
-import statistics
 import sys
 import tempfile
-import time
 from pathlib import Path
 
-from harness import median_time, row
+from harness import interleaved, row
 
 import editor
 import projstore
@@ -53,38 +53,43 @@ def edited(before):
     return after
 
 
+def defs_walk(before, after):
+    """One walk over every binding of both definition tables, reading each value it binds (no
+    comparison can skip a value: equal ids may hold different texts)."""
+    for enriched in (before, after):
+        for names in enriched["defs"].values():
+            for records in names.values():
+                if records:
+                    records[-1].get("rhs", "")
+
+
 def static_floor(before, after):
+    """The set operations of edges and symbols, and one walk over both definition tables."""
     eb = {(e["caller"], e["callee"]) for e in before["edges"]}
     ea = {(e["caller"], e["callee"]) for e in after["edges"]}
     sb, sa = set(before["symbols"]), set(after["symbols"])
+    defs_walk(before, after)
     return ea - eb, eb - ea, sa - sb, sb - sa
-
-
-def value_tables_floor(before, after):
-    """The walk of both definition tables, written plainly."""
-    tables = []
-    for enriched in (before, after):
-        table = {}
-        for scope, names in enriched["defs"].items():
-            is_module = scope.endswith("::<module>")
-            if is_module or "::css::" in scope:
-                base = scope[:-10] if is_module else scope
-                for name, records in names.items():
-                    if records:
-                        table[f"{base}::{name}"] = records[-1].get("rhs", "")
-        tables.append(table)
-    return tables
 
 
 def bench_static_diff():
     for size in (10_000, 100_000):
         before = enriched_map(size, 10_000)
         for label, after in (("edit", edited(before)), ("disjoint", enriched_map(size, 10_000, "x"))):
-            median = median_time(lambda: editor.static_diff(before, after))
-            floor = median_time(lambda: static_floor(before, after))
-            with_values = floor + median_time(lambda: value_tables_floor(before, after))
-            row(f"static_diff ({label})", f"{size:,} edges", median, floor)
-            row("  beside set + value-table floor", f"{size:,} edges", median, with_values)
+            floor, median = interleaved([lambda: static_floor(before, after),
+                                         lambda: editor.static_diff(before, after)], rounds=15)
+            headline = label == "edit" and size == 100_000
+            row(f"static_diff ({label})", f"{size:,} edges", median, floor,
+                summary="static_diff (1% edited)" if headline else None)
+    # The value table alone: maps holding only their definition tables, the after one made of
+    # fresh objects, as a re-index makes it.
+    full = enriched_map(0, 100_000)
+    before = {"defs": full["defs"]}
+    after = json.loads(json.dumps({"defs": edited(full)["defs"]}))
+    floor, median = interleaved([lambda: defs_walk(before, after), lambda: editor.static_diff(before, after)],
+                                rounds=15)
+    row("static_diff, definition tables only (edit)", "100,000 constants", median, floor,
+        summary="static_diff value table (1% edited)")
 
 
 # ----------------------------------------------------------------------------------- ledger
@@ -95,17 +100,13 @@ def ledger_entry(i):
             "syntax": "ok", "static": {"edges_removed": [f"mod{i % 40}.py::f -> util.py::g"]}, "ratio": i / 7}
 
 
-def ledger_json_floor(text):
-    steps = json.loads(text)["steps"]
-    steps.append({"n": len(steps) + 1})
-    return json.dumps({"steps": steps}, indent=1)
-
-
-def ledger_io_floor(root):
-    """The same JSON work with the state-directory look-ups and the whole-file read and write."""
+def ledger_floor(root):
+    """The state-directory look-ups, the whole-file read and write, and the JSON work between."""
     path = str(projstore.project_dir(root) / editor.LEDGER_NAME)
     os.path.exists(path)
-    text = ledger_json_floor(Path(path).read_text(encoding="utf-8"))
+    steps = json.loads(Path(path).read_text(encoding="utf-8"))["steps"]
+    steps.append({"n": len(steps) + 1})
+    text = json.dumps({"steps": steps}, indent=1)
     (projstore.ensure_orvel_dir(root) / editor.LEDGER_NAME).write_text(text, encoding="utf-8")
 
 
@@ -115,17 +116,12 @@ def bench_ledger(base):
         text = json.dumps({"steps": [{**ledger_entry(i), "n": i + 1, "ts": 1.7e9 + i} for i in range(size)]},
                           indent=1)
         path = projstore.ensure_orvel_dir(root) / editor.LEDGER_NAME
-        repeat = 21 if size < 10_000 else 7
-        for name, operation in (("ledger_append", lambda: editor.ledger_append(root, ledger_entry(size))),
-                                ("ledger_mark_rolled_back", lambda: editor.ledger_mark_rolled_back(root, 1))):
-            # A few more entries or flags per run leave the ledger's size as good as unchanged.
-            path.write_text(text, encoding="utf-8")
-            json_floor = median_time(lambda: ledger_json_floor(text), repeat=repeat)
-            io_floor = median_time(lambda: ledger_io_floor(root), repeat=repeat)
-            path.write_text(text, encoding="utf-8")
-            median = median_time(operation, repeat=repeat)
-            row(name, f"{size:,} entries", median, json_floor)
-            row("  beside json + file I/O floor", f"{size:,} entries", median, io_floor)
+        for name, operation in (("ledger_append", lambda _: editor.ledger_append(root, ledger_entry(size))),
+                                ("ledger_mark_rolled_back", lambda _: editor.ledger_mark_rolled_back(root, 1))):
+            floor, median = interleaved([lambda _: ledger_floor(root), operation],
+                                        rounds=21 if size < 10_000 else 9,
+                                        setup=lambda: path.write_text(text, encoding="utf-8"))
+            row(name, f"{size:,} entries", median, floor, summary=name if size == 10_000 else None)
 
 
 # ----------------------------------------------------------------------------------- session_diff
@@ -151,22 +147,11 @@ def bench_session_diff(base):
             after = Path(path).read_text(encoding="utf-8")
             "\n".join(difflib.unified_diff(before.splitlines(), after.splitlines(), "a/x", "b/x", lineterm=""))
 
-    median = median_time(lambda: editor.session_diff(touched), repeat=5)
-    row("session_diff", "50 files x 2,000 lines", median, median_time(floor, repeat=5))
+    floor_time, median = interleaved([floor, lambda: editor.session_diff(touched)], rounds=7)
+    row("session_diff", "50 files x 2,000 lines", median, floor_time, summary="session_diff")
 
 
 # ----------------------------------------------------------------------------------- rollback
-
-def timed_with_setup(setup, fn, repeat=7):
-    """Median time of fn(setup()) with the setup left out of the timing."""
-    times = []
-    for _ in range(repeat + 1):
-        argument = setup()
-        start = time.perf_counter()
-        fn(argument)
-        times.append(time.perf_counter() - start)
-    return statistics.median(times[1:])
-
 
 def bench_rollback(base):
     paths = [base / f"r{i:02}.py" for i in range(20)]
@@ -185,8 +170,9 @@ def bench_rollback(base):
         for record in reversed(records):
             Path(record["path"]).write_text(record["text_before"], encoding="utf-8")
 
-    median = timed_with_setup(stack, lambda records: editor.rollback_steps(records, 100))
-    row("rollback_steps", "100 steps", median, timed_with_setup(stack, floor))
+    floor_time, median = interleaved([floor, lambda records: editor.rollback_steps(records, 100)], rounds=9,
+                                     setup=stack)
+    row("rollback_steps", "100 steps", median, floor_time, summary="rollback_steps")
 
 
 def main():

@@ -1,20 +1,19 @@
-"""commit_time_check over a mixed project, against the same compiler runs from a shell script.
+"""commit_time_check over a mixed project, timed in turns with the same compiler runs made directly.
 
 Twenty touched files (C, C++, Java, Python), half of them with an error the session introduced.
-The floor is the work the gate cannot avoid, timed in the same run: a shell script running
-exactly the compiler commands the gate runs (twice for each file with errors, putting the
-earlier text in place and back in between), plus pyflakes run directly on the Python texts.
+The floor is the work the gate cannot avoid, on the same project: each compiler process the gate
+starts, launched directly with its output captured (twice for each file with errors, the earlier
+text written in place and the final one back in between; a scratch class directory per javac
+run), plus pyflakes run on the Python texts.
 """
 
-import shlex
-import statistics
+import shutil
 import subprocess
 import sys
 import tempfile
-import time
 from pathlib import Path
 
-from harness import row
+from harness import interleaved, row
 
 import editor
 from pyflakes import api
@@ -65,34 +64,38 @@ def make_project(root):
     return touched
 
 
+OUT = "<class output directory>"  # stands for javac's scratch directory in a command
+
+
 def compiler_command(path, lang):
     cfg = editor._COMPILER_LANGS[lang]
     exe = editor._find_exe(cfg["exe"])
     args, cwd = cfg["context"](path)
     if lang == "java":
-        return cwd, [exe, "-proc:none", "-nowarn", "-d", "$out", *args, path]
+        return cwd, [exe, "-proc:none", "-nowarn", "-d", OUT, *args, path]
     return cwd, [exe, "-fsyntax-only", cfg["std"], "-w", "-fno-diagnostics-color", *args, path]
 
 
-def floor_script(touched, keep):
-    """Shell lines running each compile the gate makes, with the earlier text in place for the second."""
-    lines = ["set +e"]
+def compile_once(cwd, command):
+    out = tempfile.mkdtemp(prefix="orvel_jc_") if OUT in command else None
+    try:
+        subprocess.run([out if part == OUT else part for part in command], cwd=cwd, capture_output=True)
+    finally:
+        if out:
+            shutil.rmtree(out, ignore_errors=True)
+
+
+def compiler_floor(touched):
+    """Each compile the gate makes, the earlier text in place for the second run of a file."""
     for path, (lang, earlier, final) in touched.items():
         if lang == "python":
             continue
-        cwd, cmd = compiler_command(path, lang)
-        run = " ".join(shlex.quote(a) if a != "$out" else '"$out"' for a in cmd)
-        if lang == "java":
-            run = f'out=$(mktemp -d "${{TMPDIR:-/tmp}}/orvel_jc_XXXXXX"); {run}; rm -rf "$out"'
-        run = f"(cd {shlex.quote(cwd)} && {run}) >/dev/null 2>&1"
-        lines.append(run)
+        cwd, command = compiler_command(path, lang)
+        compile_once(cwd, command)
         if earlier != final:
-            saved = keep / f"{len(lines)}"
-            saved.mkdir()
-            (saved / "earlier").write_text(earlier)
-            (saved / "final").write_text(final)
-            lines += [f"cp {saved}/earlier {shlex.quote(path)}", run, f"cp {saved}/final {shlex.quote(path)}"]
-    return "\n".join(lines) + "\n"
+            Path(path).write_text(earlier)
+            compile_once(cwd, command)
+            Path(path).write_text(final)
 
 
 class Quiet:
@@ -109,20 +112,9 @@ def pyflakes_floor(touched):
                 api.check(earlier, path, Quiet())
 
 
-def timed(fn):
-    start = time.perf_counter()
-    fn()
-    return time.perf_counter() - start
-
-
 def main():
     with tempfile.TemporaryDirectory(prefix="bench_semantic_") as scratch:
-        root = Path(scratch) / "proj"
-        keep = Path(scratch) / "texts"
-        keep.mkdir()
-        touched = make_project(root)
-        script = Path(scratch) / "floor.sh"
-        script.write_text(floor_script(touched, keep))
+        touched = make_project(Path(scratch) / "proj")
         session = {path: earlier for path, (lang, earlier, final) in touched.items()}
 
         findings = editor.commit_time_check(session)
@@ -130,20 +122,12 @@ def main():
         for path, (lang, earlier, final) in touched.items():
             assert Path(path).read_text() == final
 
-        def gate():
-            editor.commit_time_check(session)
-
         def floor():
-            subprocess.run(["sh", str(script)], check=True)
+            compiler_floor(touched)
             pyflakes_floor(touched)
 
-        # Alternated, so drift in the load of a shared machine falls on both alike.
-        gate_times, floor_times = [], []
-        for _ in range(ROUNDS):
-            gate_times.append(timed(gate))
-            floor_times.append(timed(floor))
-        row("commit_time_check (10 of 20 with errors)", "20 files",
-            statistics.median(gate_times), statistics.median(floor_times))
+        floor_time, median = interleaved([floor, lambda: editor.commit_time_check(session)], rounds=ROUNDS)
+        row("commit_time_check (10 of 20 with errors)", "20 files", median, floor_time, summary="commit_time_check")
 
 
 if __name__ == "__main__":

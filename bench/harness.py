@@ -1,8 +1,8 @@
 """Shared timing helpers for the benchmarks.
 
 Each benchmark measures an operation beside its floor (the work the operation cannot avoid,
-timed in the same run on the same input) and reports the ratio, so a number means the same on
-a slow machine as on a fast one. Rows are printed as a table; when EDITOR_BENCH_ROWS names a
+on the same input), the two timed in turns in one process (`interleaved`), and reports the
+ratio, so a number means the same on a slow machine as on a fast one. Rows are printed as a table; when EDITOR_BENCH_ROWS names a
 file, each row is also appended to it as one JSON line, so a driver that runs every benchmark in
 a process of its own (bench/run_all.py) can collect them into one report.
 """
@@ -33,6 +33,27 @@ def median_time(fn, repeat=7, warmup=1):
     return statistics.median(times)
 
 
+def interleaved(operations, rounds, warmup=1, setup=None):
+    """Median wall time in seconds of each callable in `operations`, timed in turns: one call of
+    each per round (A B A B ...), so the load of a shared machine falls on an operation and its
+    floor alike. With `setup`, each call gets a fresh `setup()` result as its argument, made
+    outside the timing."""
+    def call(operation):
+        argument = () if setup is None else (setup(),)
+        start = time.perf_counter()
+        operation(*argument)
+        return time.perf_counter() - start
+
+    for _ in range(warmup):
+        for operation in operations:
+            call(operation)
+    samples = [[] for _ in operations]
+    for _ in range(rounds):
+        for times, operation in zip(samples, operations):
+            times.append(call(operation))
+    return [statistics.median(times) for times in samples]
+
+
 def peak_memory(fn):
     """Peak bytes allocated through the Python allocators while `fn()` runs."""
     tracemalloc.start()
@@ -44,8 +65,9 @@ def peak_memory(fn):
         tracemalloc.stop()
 
 
-def row(operation, size, median, floor, peak=None):
-    """Records and prints one result line: operation, input size, median, floor, ratio, peak."""
+def row(operation, size, median, floor, peak=None, summary=None):
+    """Records and prints one result line: operation, input size, median, floor, ratio, peak.
+    A row given a `summary` label is also the headline of its operation in the README."""
     entry = {
         "operation": operation,
         "size": size,
@@ -53,6 +75,7 @@ def row(operation, size, median, floor, peak=None):
         "floor_ms": floor * 1e3 if floor else None,
         "ratio": median / floor if floor else None,
         "peak_bytes": peak,
+        "summary": summary,
     }
     if os.environ.get("EDITOR_BENCH_ROWS"):
         with open(os.environ["EDITOR_BENCH_ROWS"], "a", encoding="utf-8") as rows:

@@ -53,6 +53,12 @@ def test_edit_and_receipt(project, checker, before, args, kwargs, after, replace
     ("before", "args", "kwargs", "message"),
     [
         (ABC, (1, None, "X"), {"mode": "Replace"}, MODE.format("Replace")),
+        # A mode that is not a str is an unknown mode too, shown as str() shows it.
+        (ABC, (1, None, "X"), {"mode": None}, MODE.format("None")),
+        (ABC, (1, None, "X"), {"mode": 3}, MODE.format("3")),
+        (ABC, (1, None, "X"), {"mode": b"replace"}, MODE.format("b'replace'")),
+        ("", (True, None, "X"), {}, "start_line True is out of range (file has 0 lines)"),
+        (ABC, (2, False, "X"), {}, "end_line False is out of range (start 2, file has 3 lines)"),
         (ABC, (1, None, "X"), {"anchor": "\ud800"}, NOT_FOUND),
         ("a\r\nb\r\n", (1, None, "X"), {"anchor": "b\r\n"}, NOT_FOUND),
         ("a\nb\nb\n", (1, None, "X"), {"anchor": "b"},

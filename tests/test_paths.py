@@ -3,6 +3,8 @@
 import os
 
 import pytest
+from hypothesis import given, settings
+from hypothesis import strategies as st
 
 import editor
 
@@ -125,3 +127,29 @@ class OddLower(str):
 def test_bad_input_raises_the_host_exception(call, error):
     with pytest.raises(error):
         call()
+
+
+def plain_resolution(root, path_str, known):
+    """The matching rules written plainly."""
+    def norm(path):
+        return path.replace("\\", "/").lower()
+    hits = [e for e in known if norm(e) == norm(path_str) or norm(e).endswith("/" + norm(path_str))]
+    if len(hits) == 1:
+        return os.path.abspath(os.path.join(root, hits[0]))
+    if hits:
+        return {"error": f"'{path_str}' matches {len(hits)} files -- be more specific", "candidates": hits[:8]}
+    if editor._within_root(root, os.path.join(root, path_str)):
+        return os.path.abspath(os.path.join(root, path_str))
+    return {"error": f"'{path_str}' is outside the project root -- edits are confined to it"}
+
+
+# ASCII beside letters whose lower-casing changes length or leaves (or enters) ASCII.
+pieces = st.sampled_from(["a", "A", "Zz", "src", "SRC", "app.py", "App.PY", "/", "\\", "..", "İ", "i̇", "K", "k", "ß", "Σ"])
+paths = st.lists(pieces, max_size=5).map("".join)
+
+
+@settings(max_examples=400, deadline=None)
+@given(path_str=paths, known=st.lists(paths, max_size=12), as_tuple=st.booleans())
+def test_resolution_agrees_with_the_plain_rules(path_str, known, as_tuple):
+    result = editor.resolve_target("/r", path_str, tuple(known) if as_tuple else known)
+    assert result == plain_resolution("/r", path_str, known)

@@ -43,7 +43,9 @@ def reference(before, after, cap=10):
 # Ids from few files and names so maps overlap, "/" and "\" paths sharing base names, text
 # beyond ASCII and the BMP; scopes of modules, CSS, both, and locals (ignored).
 files = st.sampled_from(["src/app.py", "lib/app.py", "C:\\w\\app.py", "x.css", "ü/😀.py", "app.py"])
-names = st.sampled_from(["f", "g", "Cls.m", "a/b", "TIMEOUT", "ñ"])
+# "x" and "css::x::f" make one value id from two scopes: module x.css::css::x::<module> with CSS
+# scope x.css::css::x, or a module's "css::x::f" with CSS scope app.py::css::x's "f".
+names = st.sampled_from(["f", "g", "Cls.m", "a/b", "TIMEOUT", "ñ", "x", "css::x::f"])
 ids = st.builds("{}::{}".format, files, names)
 scopes = st.builds("{}::<module>".format, files) | st.builds("{}::css::{}".format, files, names) \
     | st.builds("{}::css::x::<module>".format, files) | ids
@@ -72,6 +74,22 @@ def test_matches_the_plain_comparison(before, after, cap, own_ids):
     assert result == expected and list(result) == list(expected)
 
 
+plain_defs = st.dictionaries(scopes, st.dictionaries(names, st.lists(st.fixed_dictionaries(
+    {}, optional={"rhs": st.sampled_from(["1", "'a'", "é\n", ""])}), max_size=2), max_size=4), max_size=5)
+
+
+@settings(max_examples=300, deadline=None)
+@given(before=plain_defs, changes=plain_defs, dropped=st.sets(scopes))
+def test_value_tables_of_a_typical_edit(before, changes, dropped):
+    """Str values, and an after table that mostly repeats the before one."""
+    after = {scope: dict(names) for scope, names in before.items() if scope not in dropped}
+    for scope, names in changes.items():
+        after.setdefault(scope, {}).update(names)
+    result = editor.static_diff({"defs": before}, {"defs": after}, 50)
+    expected = reference({"defs": before}, {"defs": after}, 50)
+    assert result == expected and list(result) == list(expected)
+
+
 def test_fifteen_added_edges_give_the_first_ten_by_full_ids_and_the_note_is_fresh():
     edges = [{"caller": f"a/zeta.py::f{i}", "callee": "c.py::g"} for i in range(8)]
     edges += [{"caller": f"b/alpha.py::f{i}", "callee": "c.py::g"} for i in range(7)]
@@ -84,9 +102,19 @@ def test_fifteen_added_edges_give_the_first_ten_by_full_ids_and_the_note_is_fres
 @pytest.mark.parametrize("before, cap, error", [
     ({"edges": [{"callee": "a::f"}]}, 10, KeyError),
     ({"edges": None}, 10, TypeError),
-    ({"defs": {"a.py::<module>": {"X": ["not a record"]}}}, 10, TypeError),
+    # Raised as the plain expressions raise them: records[-1].get, names.items, scope.endswith, short(i).
+    ({"defs": {"a.py::<module>": {"X": ["not a record"]}}}, 10, AttributeError),
+    ({"defs": {"a.py::<module>": ["X"]}}, 10, AttributeError),
+    ({"defs": {7: {"X": [{}]}}}, 10, AttributeError),
+    ({"defs": {b"a::<module>": {"X": [{}]}}}, 10, TypeError),
+    ({"symbols": [7]}, 10, AttributeError),
+    ({"edges": [{"caller": 1, "callee": 2}]}, 0, AttributeError),
+    ({"edges": [{"caller": 1, "callee": "x"}, {"caller": "a", "callee": "y"}]}, 10, TypeError),
     ({}, 1.5, TypeError),
 ])
 def test_malformed_input_raises(before, cap, error):
     with pytest.raises(error):
         editor.static_diff(before, {}, cap)
+    if cap != 1.5:
+        with pytest.raises(error):
+            reference(before, {}, cap)

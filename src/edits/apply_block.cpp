@@ -20,7 +20,10 @@ namespace {
 
 enum class Mode { replace, insert_before, insert_after };
 
+// Any value that is not one of the three strings is an unknown mode, whatever its type: a model's
+// JSON can hand over null or a number.
 std::optional<Mode> mode_named(PyObject* mode) {
+    if (!PyUnicode_Check(mode)) return std::nullopt;
     static constexpr std::pair<const char*, Mode> modes[] = {
         {"replace", Mode::replace}, {"insert_before", Mode::insert_before}, {"insert_after", Mode::insert_after}};
     for (const auto& [name, value] : modes) {
@@ -29,10 +32,11 @@ std::optional<Mode> mode_named(PyObject* mode) {
     return std::nullopt;
 }
 
-// A line number as the caller gave it: the exact int (for messages and the receipt) and the
-// value for comparisons, clamped to the range of long long; a clamped value is out of range for
-// any file, exactly as the unclamped one would be.
+// A line number as the caller gave it (for messages, which show True as True), its exact int
+// (for the receipt) and the value for comparisons, clamped to the range of long long; a clamped
+// value is out of range for any file, exactly as the unclamped one would be.
 struct LineNumber {
+    Ref given;
     Ref value;
     long long clamped;
 };
@@ -44,10 +48,13 @@ LineNumber line_number(PyObject* given) {
     int overflow = 0;
     long long clamped = check_value(PyLong_AsLongLongAndOverflow(value.get(), &overflow));
     if (overflow != 0) clamped = overflow > 0 ? LLONG_MAX : LLONG_MIN;
-    return {std::move(value), clamped};
+    return {Ref::borrow(given), std::move(value), clamped};
 }
 
-LineNumber line_number(Py_ssize_t line) { return {check(PyLong_FromSsize_t(line)), line}; }
+LineNumber line_number(Py_ssize_t line) {
+    Ref value = check(PyLong_FromSsize_t(line));
+    return {value.dup(), std::move(value), line};
+}
 
 long long next_line(long long line) { return line == LLONG_MAX ? line : line + 1; }
 
@@ -110,12 +117,12 @@ Ref removed_lines(std::string_view utf8, Py_ssize_t from, Py_ssize_t to) {
 
 Ref start_out_of_range(const LineNumber& start, Py_ssize_t count) {
     return refusal(check(PyUnicode_FromFormat("start_line %S is out of range (file has %zd lines)",
-                                              start.value.get(), count)));
+                                              start.given.get(), count)));
 }
 
 Ref end_out_of_range(const LineNumber& end, const LineNumber& start, Py_ssize_t count) {
     return refusal(check(PyUnicode_FromFormat("end_line %S is out of range (start %S, file has %zd lines)",
-                                              end.value.get(), start.value.get(), count)));
+                                              end.given.get(), start.given.get(), count)));
 }
 
 }  // namespace
@@ -149,7 +156,8 @@ Ref apply_block(PyObject* module, const BlockEdit& edit) {
     std::array<long long, 2> cuts{start.clamped, start.clamped};
     std::optional<LineNumber> end;
     if (*mode == Mode::replace) {
-        end = end_given.get() == Py_None ? LineNumber{start.value.dup(), start.clamped} : line_number(end_given.get());
+        end = end_given.get() == Py_None ? LineNumber{start.given.dup(), start.value.dup(), start.clamped}
+                                         : line_number(end_given.get());
         cuts[1] = next_line(end->clamped);
     } else if (*mode == Mode::insert_after) {
         cuts = {next_line(start.clamped), next_line(start.clamped)};

@@ -17,7 +17,6 @@ Ref apply_block_impl(PyObject* module, const Args& args) {
     require_str(sig.function, "abs_path", abs_path);
     require_str(sig.function, "content", content);
     Ref default_mode = mode ? Ref() : str("replace");
-    if (mode) require_str(sig.function, "mode", mode);
     if (anchor) require_str(sig.function, "anchor", anchor, true);
     // start_line and end_line are checked where they are used: an anchor overrides both, and the
     // insert modes never look at end_line.

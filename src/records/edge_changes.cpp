@@ -115,7 +115,7 @@ private:
 Ref edge_line(PyObject* caller, PyObject* callee) {
     Ref shown_caller = base_name(caller);
     Ref shown_callee = base_name(callee);
-    return check(PyUnicode_FromFormat("%U -> %U", shown_caller.get(), shown_callee.get()));
+    return check(PyUnicode_FromFormat("%S -> %S", shown_caller.get(), shown_callee.get()));
 }
 
 void put_text_pairs(PyObject* out, const char* key, std::vector<const Edge*> pairs, Py_ssize_t cap) {
@@ -140,22 +140,18 @@ Ref tuple_set(const Edges& edges) {
     return pairs;
 }
 
+// sorted(pairs), every pair shown as the host shows it (so an id that cannot be shown fails
+// whatever the cap), then cut to the first `cap`.
 void put_tuple_pairs(PyObject* out, const char* key, PyObject* pairs, Py_ssize_t cap) {
     Ref items = check(PySequence_List(pairs));
-    if (PyList_GET_SIZE(items.get()) == 0) return;
-    // Only the head is shown, yet under a larger cap every pair would be: all ids must be
-    // showable, whatever the cap.
-    for (Py_ssize_t i = 0; i < PyList_GET_SIZE(items.get()); ++i) {
+    const Py_ssize_t size = PyList_GET_SIZE(items.get());
+    if (size == 0) return;
+    check(PyList_Sort(items.get()));
+    for (Py_ssize_t i = 0; i < size; ++i) {
         PyObject* pair = PyList_GET_ITEM(items.get(), i);
-        (void)base_name(PyTuple_GET_ITEM(pair, 0));
-        (void)base_name(PyTuple_GET_ITEM(pair, 1));
+        check(PyList_SetItem(items.get(), i, edge_line(PyTuple_GET_ITEM(pair, 0), PyTuple_GET_ITEM(pair, 1)).release()));
     }
-    Ref head = sorted_head(std::move(items), cap);
-    for (Py_ssize_t i = 0; i < PyList_GET_SIZE(head.get()); ++i) {
-        PyObject* pair = PyList_GET_ITEM(head.get(), i);
-        check(PyList_SetItem(head.get(), i, edge_line(PyTuple_GET_ITEM(pair, 0), PyTuple_GET_ITEM(pair, 1)).release()));
-    }
-    check(PyDict_SetItemString(out, key, head.get()));
+    check(PyDict_SetItemString(out, key, check(PyList_GetSlice(items.get(), 0, slice_stop(size, cap))).get()));
 }
 
 }  // namespace

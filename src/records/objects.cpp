@@ -1,6 +1,7 @@
 #include <Python.h>
 
 #include <algorithm>
+#include <initializer_list>
 
 #include "editor/host.hpp"
 #include "editor/unpack.hpp"
@@ -16,8 +17,12 @@ Py_ssize_t clamped_index(PyObject* number) {
 
 Ref base_name(PyObject* text) {
     if (!PyUnicode_Check(text)) {
-        PyErr_Format(PyExc_TypeError, "expected a str path or id, not %T", text);
-        throw PyError::fetch();
+        Ref last = Ref::borrow(text);
+        for (const char* separator : {"\\", "/"}) {
+            Ref pieces = call_method(last.get(), "split", str(separator).get());
+            last = check(PySequence_GetItem(pieces.get(), -1));
+        }
+        return last;
     }
     const Py_ssize_t length = PyUnicode_GET_LENGTH(text);
     const Py_ssize_t slash = check_find(PyUnicode_FindChar(text, '/', 0, length, -1));
@@ -45,6 +50,18 @@ Ref get_or(PyObject* mapping, const char* key, Ref fallback) {
     }
     Ref name = str(key);
     return call_method(mapping, "get", name.get(), fallback.get());
+}
+
+Ref shortened_missing(PyObject* ids, PyObject* other) {
+    Ref shown = check(PyList_New(0));
+    Ref iterator = check(PyObject_GetIter(ids));
+    Ref id;
+    while (check_bool(PyIter_NextItem(iterator.get(), (id = Ref()).out()))) {
+        if (!check_bool(PySequence_Contains(other, id.get()))) {
+            check(PyList_Append(shown.get(), base_name(id.get()).get()));
+        }
+    }
+    return shown;
 }
 
 }  // namespace editor::records

@@ -10,7 +10,8 @@ namespace editor::records {
 // nearest representable one, as list slicing treats it). TypeError for a non-integer.
 Py_ssize_t clamped_index(PyObject* number);
 
-// The text after the last "/" or "\" of a str (the whole str when it has neither).
+// The text after the last "/" or "\" of a str (the whole str when it has neither). Anything
+// else goes through text.split("\\")[-1].split("/")[-1], and fails as that does.
 Ref base_name(PyObject* text);
 
 // mapping.items() as a list of 2-tuples, taken before any of it is used, so nothing the caller
@@ -19,5 +20,8 @@ Ref item_pairs(PyObject* mapping);
 
 // mapping.get(key, fallback).
 Ref get_or(PyObject* mapping, const char* key, Ref fallback);
+
+// [short(i) for i in ids if i not in other]: what only `ids` holds, shortened, in its order.
+Ref shortened_missing(PyObject* ids, PyObject* other);
 
 }  // namespace editor::records

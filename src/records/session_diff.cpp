@@ -20,10 +20,19 @@ Ref text_now(PyObject* module, PyObject* path) {
 // Lines as str.splitlines() cuts them: at every line boundary the host knows, ends dropped.
 Ref lines_of(PyObject* text) { return check(PyUnicode_Splitlines(text, 0)); }
 
+// path.replace("\\", "/").split("/")[-1]; a path that is not a str goes through its own methods
+// and fails as they do.
+Ref file_name(PyObject* path) {
+    if (PyUnicode_Check(path)) return base_name(path);
+    Ref replaced = call_method(path, "replace", str("\\").get(), str("/").get());
+    Ref pieces = call_method(replaced.get(), "split", str("/").get());
+    return check(PySequence_GetItem(pieces.get(), -1));
+}
+
 Ref file_diff(PyObject* unified_diff, PyObject* path, PyObject* before, PyObject* after) {
-    Ref name = base_name(path);
-    Ref fromfile = check(PyUnicode_FromFormat("a/%U", name.get()));
-    Ref tofile = check(PyUnicode_FromFormat("b/%U", name.get()));
+    Ref name = file_name(path);
+    Ref fromfile = check(PyUnicode_Concat(str("a/").get(), name.get()));
+    Ref tofile = check(PyUnicode_Concat(str("b/").get(), name.get()));
     Ref lineterm = check(PyUnicode_FromStringAndSize("", 0));
     Ref a = lines_of(before);
     Ref b = lines_of(after);

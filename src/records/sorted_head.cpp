@@ -41,4 +41,10 @@ Ref sorted_head(Ref items, Py_ssize_t cap) {
     return head;
 }
 
+// out[key] = sorted(items)[:cap], present whenever items (uncapped) is non-empty.
+void put_sorted(PyObject* out, const char* key, Ref items, Py_ssize_t cap) {
+    if (PyList_GET_SIZE(items.get()) == 0) return;
+    check(PyDict_SetItemString(out, key, sorted_head(std::move(items), cap).get()));
+}
+
 }  // namespace editor::records

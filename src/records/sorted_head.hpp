@@ -22,4 +22,7 @@ Py_ssize_t slice_stop(Py_ssize_t size, Py_ssize_t cap);
 // order, cut as the slice [:cap] cuts.
 Ref sorted_head(Ref items, Py_ssize_t cap);
 
+// out[key] = sorted(items)[:cap], present whenever `items` (uncapped) is non-empty.
+void put_sorted(PyObject* out, const char* key, Ref items, Py_ssize_t cap);
+
 }  // namespace editor::records
