@@ -1,6 +1,7 @@
 """The session's guard around the module's ledger: a ledger that exists but cannot be read is
-moved aside to a dated backup before the module writes a fresh one, and the counts that
-recovery compares are read here."""
+moved aside to a dated backup before the module writes a fresh one; before a call lets the module
+rewrite the ledger (in place, not atomically) its bytes are kept beside it, so that recovery can
+put back a ledger that a kill cut short; and the counts that recovery compares are read here."""
 
 from __future__ import annotations
 
@@ -49,6 +50,43 @@ def ensure_readable(root: str) -> str | None:
         counter += 1
     os.replace(path, backup)
     return f"the ledger {path} could not be read ({reason}); it was moved aside to {backup.name} and a fresh one started"
+
+
+def _journal_of(path: Path) -> Path:
+    return path.with_name(path.name + ".journal")
+
+
+def preserve(root: str) -> None:
+    """Keeps the ledger's bytes as they are now (or that there is none) for `restore_cut`."""
+    path = path_of(root)
+    journal = _journal_of(path)
+    try:
+        data = path.read_bytes()
+    except FileNotFoundError:
+        journal.unlink(missing_ok=True)
+        return
+    _replace_with(journal, data)
+
+
+def restore_cut(root: str) -> str | None:
+    """Puts back the preserved ledger when the current one cannot be read; returns a note."""
+    path = path_of(root)
+    if _unreadable(path) is None:
+        return None
+    journal = _journal_of(path)
+    try:
+        _replace_with(path, journal.read_bytes())
+    except FileNotFoundError:
+        path.unlink(missing_ok=True)
+    return f"the ledger {path.name}, cut short while it was written, was put back as it was before that call"
+
+
+def _replace_with(path: Path, data: bytes) -> None:
+    temporary = path.with_name(path.name + ".tmp")
+    with open(temporary, "wb") as handle:
+        handle.write(data)
+        handle.flush()
+    os.replace(temporary, path)
 
 
 def length(root: str) -> int:

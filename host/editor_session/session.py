@@ -184,7 +184,10 @@ class Session:
     # --- recovery ----------------------------------------------------------------------
 
     def _recover(self, intent: dict) -> None:
+        ledger_note = ledger.restore_cut(self.root) if intent["kind"] != "check" else None
         outcome = journal.settle(self.store, self.root, intent, ledger.unflagged(self.root))
+        if ledger_note is not None:
+            outcome.notes.append(ledger_note)
         live, store = self._live, self.store
         assert live is not None
         kind = intent["kind"]
@@ -222,9 +225,11 @@ class Session:
     # --- writes ------------------------------------------------------------------------
 
     def _guard_ledger(self) -> None:
+        """Before a call that will make the module rewrite the ledger."""
         note = ledger.ensure_readable(self.root)
         if note is not None:
             self._notes.append(note)
+        ledger.preserve(self.root)
 
     def _write(self, tool: str, path: str, operation: Callable[[str], dict], details: dict,
                post: str | None = None) -> dict:
