@@ -7,6 +7,7 @@ from pathlib import Path
 import pytest
 
 import srcatlas
+from srcatlas.css import css_scopes
 
 SAMPLE = Path(__file__).resolve().parent.parent / "demo" / "sample_project"
 
@@ -42,7 +43,7 @@ def test_maps_of_the_sample_project(project):
     ],
 )
 def test_css_declarations(css, expected):
-    assert srcatlas._css_scopes(css) == expected
+    assert css_scopes(css) == expected
 
 
 def test_update_reparses_one_file_and_leaves_the_old_ir_alone(project):
@@ -75,4 +76,4 @@ def test_a_file_that_does_not_parse_has_no_symbols(project):
     (project / "latin1.py").write_bytes(b"x = '\xe9'\n")
     raw = srcatlas.build(project)
     assert raw["files"]["broken.py"]["symbols"] == []
-    assert raw["files"]["latin1.py"] == {"kind": "file"}
+    assert raw["files"]["latin1.py"]["kind"] == "file"
