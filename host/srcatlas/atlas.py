@@ -72,13 +72,17 @@ class Atlas:
         old_files, new_files = self._files, new_raw["files"]
         changed = [rel for rel, record in old_files.items() if new_files.get(rel) is not record]
         changed += [rel for rel in new_files if rel not in old_files]
+        infos = {rel: (self._info_of(rel, old_files.get(rel)), self._info_of(rel, new_files.get(rel)))
+                 for rel in changed}
+        # Only a name whose unique owner changes can change what the fallback resolves to.
+        named = {(group, short) for old, new in infos.values() for group, short, _ in old.names ^ new.names}
+        owners = {pair: self.unique(*pair) for pair in named}
         moved = set()
-        for rel in changed:
-            old, new = old_files.get(rel), new_files.get(rel)
-            old_info, new_info = self._info_of(rel, old), self._info_of(rel, new)
-            self._remove_file(rel, old, old_info)
-            self._add_file(rel, new, new_info)
-            moved |= _moved_keys(rel, old, new, old_info, new_info)
+        for rel, (old_info, new_info) in infos.items():
+            self._remove_file(rel, old_files.get(rel), old_info)
+            self._add_file(rel, new_files.get(rel), new_info)
+            moved |= _moved_keys(rel, old_files.get(rel), new_files.get(rel), old_info, new_info)
+        moved.update(("name", short) for (group, short), owner in owners.items() if self.unique(group, short) != owner)
         self.raw, self._files, self._whole = new_raw, new_files, None
         affected = dict.fromkeys(changed)
         for key in moved:
@@ -164,7 +168,6 @@ def _moved_keys(rel, old, new, old_info, new_info) -> set:
                 if old_info.imports.get(name) != new_info.imports.get(name))
     if old_info.stars != new_info.stars:
         keys.add(("stars", rel))
-    keys.update(("name", short) for _, short, _ in old_info.names ^ new_info.names)
     return keys
 
 

@@ -24,25 +24,25 @@ def index_python(text: str) -> dict:
         # A file that does not parse keeps no symbols: the static diff then shows what the
         # breaking edit removed, which is what the model needs to see.
         return {"kind": "python", "symbols": [], "calls": {}, "imports": {}, "stars": [], "defs": {}}
-    symbols, calls, module_defs = [], {}, {}
-    constants = set()
+    symbols, module_defs, constants = [], {}, set()
+    scan = _Scan()
     for node in tree.body:
         if isinstance(node, _DEFS):
             symbols.append([node.name, "function", node.lineno])
-            _add_calls(calls, node.name, node)
+            scan.run(node.name, node)
         elif isinstance(node, ast.ClassDef):
             symbols.append([node.name, "class", node.lineno])
             for item in node.body:
                 if isinstance(item, _DEFS):
                     qual = f"{node.name}.{item.name}"
                     symbols.append([qual, "method", item.lineno])
-                    _add_calls(calls, qual, item)
+                    scan.run(qual, item)
                 else:
-                    _add_calls(calls, node.name, item)
+                    scan.run(node.name, item)
             for part in node.decorator_list + node.bases + node.keywords:
-                _add_calls(calls, "<module>", part)
+                scan.run("<module>", part)
         else:
-            _add_calls(calls, "<module>", node)
+            scan.run("<module>", node)
             if isinstance(node, (ast.Assign, ast.AnnAssign, ast.AugAssign)) and node.value is not None:
                 targets = node.targets if isinstance(node, ast.Assign) else [node.target]
                 rhs = ast.get_source_segment(text, node.value) or ""
@@ -52,33 +52,59 @@ def index_python(text: str) -> dict:
                         if _CONSTANT_NAME.match(name) and name not in constants:
                             constants.add(name)
                             symbols.append([name, "constant", node.lineno])
-    imports, stars = _imports(tree)
-    calls = {caller: list(targets) for caller, targets in calls.items()}
-    return {"kind": "python", "symbols": symbols, "calls": calls, "imports": imports, "stars": stars,
-            "defs": {"<module>": module_defs}}
+    # An import at the top of the module wins over one of the same name inside a function.
+    imports = scan.nested_imports | scan.top_imports
+    return {"kind": "python", "symbols": symbols,
+            "calls": {caller: list(targets) for caller, targets in scan.calls.items()},
+            "imports": imports, "stars": scan.stars, "defs": {"<module>": module_defs}}
 
 
-def _imports(tree):
-    """Module-wide bindings of import statements; the first binding of a name wins, and the
-    breadth-first walk meets top-level statements before those nested in functions."""
-    imports, stars = {}, []
-    for node in ast.walk(tree):
+class _Scan:
+    """One pass over each subtree collecting its calls and import statements. The child fields
+    of each node class are looked up once, which makes this several times faster than
+    `ast.walk`."""
+
+    _fields: dict = {}
+
+    def __init__(self):
+        self.calls, self.top_imports, self.nested_imports, self.stars = {}, {}, {}, []
+
+    def run(self, caller, root):
+        found = self.calls.get(caller) or {}
+        stack = [root]
+        while stack:
+            node = stack.pop()
+            kind = type(node)
+            if kind is ast.Call:
+                target = _target(node.func)
+                if target:
+                    found[target] = None
+            elif kind is ast.Import or kind is ast.ImportFrom:
+                self._import(node, self.top_imports if node is root else self.nested_imports)
+            fields = self._fields.get(kind)
+            if fields is None:
+                fields = self._fields[kind] = tuple(f for f in getattr(kind, "_fields", ()) if f != "ctx")
+            for field in fields:
+                value = getattr(node, field, None)
+                if type(value) is list:
+                    stack.extend(reversed(value))
+                elif isinstance(value, ast.AST):
+                    stack.append(value)
+        if found:
+            self.calls[caller] = found
+
+    def _import(self, node, imports):
         if isinstance(node, ast.Import):
             for alias in node.names:
-                if alias.asname:
-                    imports.setdefault(alias.asname, [alias.name, None])
-                else:
-                    head = alias.name.split(".")[0]
-                    imports.setdefault(head, [head, None])
-        elif isinstance(node, ast.ImportFrom):
-            module = "." * node.level + (node.module or "")
-            for alias in node.names:
-                if alias.name == "*":
-                    if module not in stars:
-                        stars.append(module)
-                else:
-                    imports.setdefault(alias.asname or alias.name, [module, alias.name])
-    return imports, stars
+                head = alias.name.split(".")[0]
+                imports.setdefault(alias.asname or head, [alias.name if alias.asname else head, None])
+            return
+        module = "." * node.level + (node.module or "")
+        for alias in node.names:
+            if alias.name != "*":
+                imports.setdefault(alias.asname or alias.name, [module, alias.name])
+            elif module not in self.stars:
+                self.stars.append(module)
 
 
 def _bound_names(target):
@@ -87,14 +113,6 @@ def _bound_names(target):
     elif isinstance(target, (ast.Tuple, ast.List)):
         for element in target.elts:
             yield from _bound_names(element)
-
-
-def _add_calls(calls, caller, node):
-    for sub in ast.walk(node):
-        if isinstance(sub, ast.Call):
-            target = _target(sub.func)
-            if target:
-                calls.setdefault(caller, {})[target] = None
 
 
 def _target(func):
