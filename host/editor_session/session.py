@@ -116,8 +116,9 @@ class Session:
             for path in store_files(self.state_dir):
                 path.unlink(missing_ok=True)
             self.store = Store.open(self.root, self.state_dir, self.busy_timeout)
-            self._store_id, self._live, self._generation = self._store_identity(), None, -1
-        return {"reset": str(self.state_dir / self.store.path.name)}
+            self._store_id, self._generation = self._store_identity(), -1
+            self._build_index(generation=0)  # unchanged files keep their records: nothing re-parsed
+        return {"reset": str(self.store.path)}
 
     # --- one call ----------------------------------------------------------------------
 
@@ -152,18 +153,23 @@ class Session:
             self._store_id, self._live, self._generation = self._store_identity(), None, -1
         store = self.store
         if store.get(LIVE_RAW) is None:
-            with store.conn:
-                live = LiveIndex.build(store, self.root)
-                store.set(LIVE_RAW, live.raw_id)
-                store.set(GENERATION, 0)
-            self._live, self._generation = live, 0
+            self._build_index(generation=0)
         generation = store.get(GENERATION)
         if self._live is None or generation != self._generation:
             self._live = LiveIndex.load(store, self.root, store.get(LIVE_RAW), like=self._live)
             self._generation = generation
+        if not self._live.current:  # made by an older indexer
+            self._build_index(generation + 1)
         intent = store.get(journal.PENDING)
         if intent is not None:
             self._recover(intent)
+
+    def _build_index(self, generation: int) -> None:
+        with self.store.conn:
+            live = LiveIndex.build(self.store, self.root, like=self._live)
+            self.store.set(LIVE_RAW, live.raw_id)
+            self.store.set(GENERATION, generation)
+        self._live, self._generation = live, generation
 
     def _commit(self) -> None:
         """Ends a call's transaction: the live raw saved, the mark cleared, other processes told."""
@@ -373,11 +379,11 @@ class Session:
         popped = rows[:steps - len(records)]
         if popped:
             editor.ledger_mark_rolled_back(self.root, len(popped))
-        if "error" in result:
+        target = None if "error" in result else LiveIndex.load(store, self.root, rows[-1]["raw_id"], like=live)
+        if target is None or not target.current:
             live.reindex([os.path.join(self.root, row["rel"]) for row in popped])
         else:
             before_files = live.raw["files"]
-            target = LiveIndex.load(store, self.root, rows[-1]["raw_id"], like=live)
             live.adopt(target.raw, target.raw_id, target.manifest)
             live.drop_missing([rel for rel in target.raw["files"] if rel not in before_files])
         with store.conn:
