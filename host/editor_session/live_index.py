@@ -9,7 +9,7 @@ the changed files apart by identity.
 from __future__ import annotations
 
 import os
-from typing import Any
+from typing import Any, Callable
 
 import srcatlas
 
@@ -30,11 +30,14 @@ def changed_files(old: dict, new: dict) -> dict[str, Any]:
 
 
 class LiveIndex:
-    def __init__(self, root: str, raw: dict, raw_id: int | None, manifest: dict[str, bytes]):
+    def __init__(self, root: str, raw: dict | None, raw_id: int | None, manifest: dict[str, bytes],
+                 extras: dict, loader: Callable[[], dict] | None = None):
         self.root = root
-        self.raw = raw
+        self._raw = raw
+        self._loader = loader  # reads the records when the raw is first needed
         self.raw_id = raw_id  # None until the current raw is saved
         self.manifest = manifest
+        self.extras = extras
         self._atlas: srcatlas.Atlas | None = None
         self._unsaved: tuple[int | None, dict[str, Any]] | None = None
 
@@ -52,24 +55,37 @@ class LiveIndex:
         raw = srcatlas.build(root, reuse=reuse)
         manifest = {rel: store.put_record(record) for rel, record in raw["files"].items()}
         raw_id = store.add_raw(None, _extras(raw), {}, full=manifest)
-        return cls(root, raw, raw_id, manifest)
+        return cls(root, raw, raw_id, manifest, _extras(raw))
 
     @classmethod
     def load(cls, store: Store, root: str, raw_id: int, like: "LiveIndex | None" = None) -> "LiveIndex":
+        """A saved raw; its records are read on first use, sharing the objects of `like` (a saved
+        index) wherever the content hash is the same."""
         extras, manifest = store.manifest(raw_id)
-        shared = like.manifest if like is not None else {}
-        files_of_like = like.raw["files"] if like is not None else {}
-        loaded = store.get_records({key for rel, key in manifest.items() if shared.get(rel) != key})
-        files = {rel: files_of_like[rel] if shared.get(rel) == key else loaded[key] for rel, key in manifest.items()}
-        return cls(root, {**extras, "files": files}, raw_id, manifest)
+        shared = like.manifest if like is not None and like._raw is not None else {}
+        files_of_like = like._raw["files"] if like is not None and like._raw is not None else {}
+
+        def loader() -> dict:
+            loaded = store.get_records({key for rel, key in manifest.items() if shared.get(rel) != key})
+            files = {rel: files_of_like[rel] if shared.get(rel) == key else loaded[key]
+                     for rel, key in manifest.items()}
+            return {**extras, "files": files}
+        return cls(root, None, raw_id, manifest, extras, loader)
+
+    @property
+    def raw(self) -> dict:
+        if self._raw is None:
+            assert self._loader is not None
+            self._raw, self._loader = self._loader(), None
+        return self._raw
 
     @property
     def current(self) -> bool:
         """Whether the raw was made by this version of the indexer."""
-        return self.raw.get("schema") == srcatlas.SCHEMA
+        return self.extras.get("schema") == srcatlas.SCHEMA
 
     def known_paths(self) -> list[str]:
-        return list(self.raw["files"])
+        return list(self.raw["files"] if self._raw is not None else self.manifest)
 
     def atlas(self) -> srcatlas.Atlas:
         if self._atlas is None:
@@ -85,7 +101,7 @@ class LiveIndex:
         pending.update(changes)
         self._unsaved = (parent, pending)
         before, after = self.atlas().switch(new_raw)
-        self.raw, self.raw_id = new_raw, None
+        self._raw, self.raw_id, self.extras = new_raw, None, _extras(new_raw)
         return before, after
 
     def reindex(self, abs_paths: list[str]) -> tuple[dict, dict]:
@@ -97,7 +113,7 @@ class LiveIndex:
     def adopt(self, raw: dict, raw_id: int, manifest: dict[str, bytes]) -> tuple[dict, dict]:
         """Makes an already saved raw current (a rollback's target)."""
         before, after = self.atlas().switch(raw)
-        self.raw, self.raw_id, self.manifest, self._unsaved = raw, raw_id, manifest, None
+        self._raw, self.raw_id, self.manifest, self._unsaved, self.extras = raw, raw_id, manifest, None, _extras(raw)
         return before, after
 
     def save(self, store: Store) -> int:

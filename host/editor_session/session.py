@@ -191,7 +191,7 @@ class Session:
 
     def _recover(self, intent: dict) -> None:
         ledger_note = ledger.restore_cut(self.root) if intent["kind"] != "check" else None
-        outcome = journal.settle(self.store, self.root, intent, ledger.unflagged(self.root))
+        outcome = journal.settle(self.store, self.root, intent, ledger.unflagged(editor.ledger_load(self.root)))
         if ledger_note is not None:
             outcome.notes.append(ledger_note)
         live, store = self._live, self.store
@@ -199,7 +199,7 @@ class Session:
         kind = intent["kind"]
         with store.conn:
             if kind in ("edit", "create"):
-                appended = ledger.length(self.root) > intent["ledger_len"]
+                appended = len(editor.ledger_load(self.root)) > intent["ledger_len"]
                 if outcome.finished:
                     step = intent["step"]
                     receipt = {"syntax": None, "recovered": outcome.notes[0]}
@@ -212,7 +212,7 @@ class Session:
                 step = intent["step"]
                 store.add_touched(step["rel"], None if step["text_hash"] is None else bytes.fromhex(step["text_hash"]))
             elif kind == "rollback" and outcome.finished:
-                if ledger.unflagged(self.root) == intent["unflagged"]:
+                if ledger.unflagged(editor.ledger_load(self.root)) == intent["unflagged"]:
                     editor.ledger_mark_rolled_back(self.root, outcome.consumed)
                 store.mark_rolled_back(intent["steps"][:outcome.consumed])
             if kind != "check":
@@ -230,12 +230,12 @@ class Session:
 
     # --- writes ------------------------------------------------------------------------
 
-    def _guard_ledger(self) -> None:
-        """Before a call that will make the module rewrite the ledger."""
-        note = ledger.ensure_readable(self.root)
+    def _prepare_ledger(self) -> list:
+        """Before a call that will make the module rewrite the ledger: its steps now."""
+        steps, note = ledger.prepare(self.root)
         if note is not None:
             self._notes.append(note)
-        ledger.preserve(self.root)
+        return steps
 
     def _write(self, tool: str, path: str, operation: Callable[[str], dict], details: dict,
                post: str | None = None) -> dict:
@@ -248,7 +248,7 @@ class Session:
         problem = guards.file_problem(self.root, target, self.allow_hard_links)
         if problem is not None:
             return {"error": problem}
-        self._guard_ledger()
+        ledger_steps = self._prepare_ledger()
         try:
             pre = journal.read_bytes(target)
             snapshot = editor.take_snapshot(live.raw, target)
@@ -259,7 +259,7 @@ class Session:
             text_hash = None if text_before is None else store.put_blob(text_before.encode("utf-8"))
             expected = journal.UNKNOWN if post is None else digest(post.encode("utf-8", "surrogatepass")).hex()
             intent = {"kind": tool, "files": [journal.file_entry(store, rel, pre, expected)],
-                      "ledger_len": ledger.length(self.root),
+                      "ledger_len": len(ledger_steps),
                       "step": {"tool": tool, "rel": rel, "ts": snapshot["ts"],
                                "text_hash": None if text_hash is None else text_hash.hex(),
                                "raw_id": live.raw_id, "first": not store.is_touched(rel)}}
@@ -357,7 +357,7 @@ class Session:
         problem = guards.rollback_problem(self.root, paths, self.allow_hard_links)
         if problem is not None:
             return {"error": problem}
-        self._guard_ledger()
+        ledger_steps = self._prepare_ledger()
         records = [{"ts": row["ts"], "path": os.path.join(self.root, row["rel"]),
                     "text_before": None if row["text_hash"] is None else store.get_blob(row["text_hash"]).decode(),
                     "raw": row["raw_id"]} for row in reversed(rows)]
@@ -367,7 +367,7 @@ class Session:
             final.setdefault(record["path"], None if text is None else digest(text.encode()).hex())
         with store.conn:
             intent = {"kind": "rollback", "steps": [row["id"] for row in rows],
-                      "unflagged": ledger.unflagged(self.root),
+                      "unflagged": ledger.unflagged(ledger_steps),
                       "files": [journal.file_entry(store, self._rel(p), journal.read_bytes(p), final[p])
                                 for p in paths]}
             store.set(journal.PENDING, intent)
