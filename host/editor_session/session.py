@@ -18,7 +18,7 @@ import projstore
 
 from . import guards, journal, ledger
 from .live_index import LiveIndex
-from .store import DEFAULT_BUSY_TIMEOUT, SessionError, Store, digest, store_files
+from .store import DEFAULT_BUSY_TIMEOUT, SessionError, Store, digest, remove_store
 
 Progress = Callable[[int, int, str], None]
 LIVE_RAW, GENERATION, LAST_RECOVERY = "live_raw", "generation", "last_recovery"
@@ -111,14 +111,7 @@ class Session:
 
     def reset(self) -> dict:
         """Forgets the session (files stay as they are); the next call starts a new one."""
-        with self.store.locked():
-            self.store.close()
-            for path in store_files(self.state_dir):
-                path.unlink(missing_ok=True)
-            self.store = Store.open(self.root, self.state_dir, self.busy_timeout)
-            self._store_id, self._generation = self._store_identity(), -1
-            self._build_index(generation=0)  # unchanged files keep their records: nothing re-parsed
-        return {"reset": str(self.store.path)}
+        return self._call(self._reset)
 
     # --- one call ----------------------------------------------------------------------
 
@@ -140,6 +133,16 @@ class Session:
                 result = {**result, key: list(notes)}
                 notes.clear()
         return result
+
+    def _reset(self) -> dict:
+        # Under the lock, after a call cut short was settled: its journal may go now.
+        self.store.checkpoint()
+        self.store.close()
+        remove_store(self.state_dir)
+        self.store = Store.open(self.root, self.state_dir, self.busy_timeout, lock_held=True)
+        self._store_id, self._generation = self._store_identity(), -1
+        self._build_index(generation=0)  # unchanged files keep their records: nothing re-parsed
+        return {"reset": str(self.store.path)}
 
     def _store_identity(self) -> tuple[int, int]:
         info = os.stat(self.store.path)

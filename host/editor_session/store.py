@@ -51,9 +51,13 @@ def digest(data: bytes) -> bytes:
     return hashlib.sha256(data).digest()
 
 
-def store_files(state_dir: Path) -> list[Path]:
+def remove_store(state_dir: Path) -> Path:
+    """Deletes the store's files, its write-ahead log first: a removal cut short leaves either
+    the whole store or none (a log without its database would be replayed into a new one)."""
     base = state_dir / STORE_NAME
-    return [base, base.with_name(STORE_NAME + "-wal"), base.with_name(STORE_NAME + "-shm")]
+    for path in (base.with_name(STORE_NAME + "-wal"), base.with_name(STORE_NAME + "-shm"), base):
+        path.unlink(missing_ok=True)
+    return base
 
 
 class Store:
@@ -68,7 +72,9 @@ class Store:
     # --- opening -----------------------------------------------------------------------
 
     @classmethod
-    def open(cls, root: str, state_dir: Path, busy_timeout: float = DEFAULT_BUSY_TIMEOUT) -> "Store":
+    def open(cls, root: str, state_dir: Path, busy_timeout: float = DEFAULT_BUSY_TIMEOUT,
+             lock_held: bool = False) -> "Store":
+        """Opens or creates the store; `lock_held` when the caller already holds the session lock."""
         path = state_dir / STORE_NAME
         hint = RESET_HINT.format(root=root)
         try:
@@ -82,7 +88,7 @@ class Store:
             conn.execute("PRAGMA synchronous=NORMAL")
             conn.execute("PRAGMA foreign_keys=ON")
             if conn.execute("PRAGMA user_version").fetchone()[0] == 0:
-                with store.locked():
+                with contextlib.nullcontext() if lock_held else store.locked():
                     if conn.execute("PRAGMA user_version").fetchone()[0] == 0:
                         conn.executescript(f"BEGIN IMMEDIATE;{_SCHEMA}PRAGMA user_version={SCHEMA_VERSION};COMMIT;")
             version = conn.execute("PRAGMA user_version").fetchone()[0]
@@ -105,6 +111,10 @@ class Store:
 
     def close(self) -> None:
         self.conn.close()
+
+    def checkpoint(self) -> None:
+        """Moves everything committed into the database file and empties the log."""
+        self.conn.execute("PRAGMA wal_checkpoint(TRUNCATE)")
 
     @contextlib.contextmanager
     def locked(self) -> Iterator[None]:
