@@ -25,6 +25,7 @@ class Atlas:
         self._files = raw["files"]
         self._infos = {}            # rel -> (record, FileInfo)
         self._modules = {}          # dotted -> set of rels
+        self._module_files = {}     # dotted -> the rel an import of it loads
         self._namespaces = Counter()  # dotted module or package prefix -> modules below it
         self._by_name = {}          # (group, short name) -> set of symbol ids
         self._edges = {}            # rel -> [(caller id, callee id)]
@@ -45,16 +46,12 @@ class Atlas:
     def _info_of(self, rel, record):
         cached = self._infos.get(rel)
         if cached is None or cached[0] is not record:
-            cached = (record, file_info(record) if record is not None else EMPTY_INFO)
+            cached = (record, file_info(record, rel) if record is not None else EMPTY_INFO)
             self._infos[rel] = cached
         return cached[1]
 
     def module_file(self, dotted: str) -> str | None:
-        rels = self._modules.get(dotted)
-        if not rels:
-            return None
-        # A package shadows a module of the same name, as on import.
-        return min(rels, key=lambda rel: (not rel.endswith("/__init__.py"), rel))
+        return self._module_files.get(dotted)
 
     def module_exists(self, dotted: str) -> bool:
         return self._namespaces[dotted] > 0
@@ -126,6 +123,7 @@ class Atlas:
         dotted = module_name(rel)
         if dotted:
             self._modules.setdefault(dotted, set()).add(rel)
+            self._choose_module_file(dotted)
             for prefix in _prefixes(dotted):
                 self._namespaces[prefix] += 1
         for group, short, qual in info.names:
@@ -137,10 +135,19 @@ class Atlas:
         dotted = module_name(rel)
         if dotted:
             self._modules[dotted].discard(rel)
+            self._choose_module_file(dotted)
             for prefix in _prefixes(dotted):
                 self._namespaces[prefix] -= 1
         for group, short, qual in info.names:
             self._by_name[(group, short)].discard(f"{rel}::{qual}")
+
+    def _choose_module_file(self, dotted):
+        rels = self._modules[dotted]
+        if rels:
+            # A package shadows a module of the same name, as on import.
+            self._module_files[dotted] = min(rels, key=lambda rel: (not rel.endswith("/__init__.py"), rel))
+        else:
+            del self._module_files[dotted]
 
     def _resolve(self, rel):
         resolver = FileResolver(self, rel)

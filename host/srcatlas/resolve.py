@@ -15,22 +15,27 @@ EXTERNAL = ("external",)
 
 
 class FileInfo(NamedTuple):
+    """What the resolver needs of one file, with its imports made absolute for its place."""
     defs: frozenset        # top-level functions and classes, and "Class.method"
-    imports: dict          # name -> [module, attr or None]
-    stars: tuple           # modules of `from m import *`
+    imports: dict          # name -> (dotted module or None when it climbs above the root, attr or None)
+    stars: tuple           # dotted modules of `from m import *`
     names: frozenset       # (group, short name, qual) of every callable symbol
 
 
 EMPTY_INFO = FileInfo(frozenset(), {}, (), frozenset())
 
 
-def file_info(record: dict) -> FileInfo:
+def file_info(record: dict, rel: str) -> FileInfo:
     symbols = record.get("symbols")
     if not symbols and not record.get("imports") and not record.get("stars"):
         return EMPTY_INFO
     callable_ = [(qual, kind) for qual, kind, _ in symbols or () if kind != "constant"]
-    return FileInfo(frozenset(qual for qual, _ in callable_), record.get("imports") or {},
-                    tuple(record.get("stars") or ()),
+    absolute = {}
+    imports = {name: (absolute[module] if module in absolute else
+                      absolute.setdefault(module, absolute_module(module, rel)), attr)
+               for name, (module, attr) in (record.get("imports") or {}).items()}
+    stars = tuple(dotted for dotted in (absolute_module(m, rel) for m in record.get("stars") or ()) if dotted)
+    return FileInfo(frozenset(qual for qual, _ in callable_), imports, stars,
                     frozenset(("method" if kind == "method" else "def", qual.rpartition(".")[2], qual)
                               for qual, kind in callable_))
 
@@ -112,21 +117,19 @@ class FileResolver:
             return ("sym", f"{mrel}::{name}")
         spec = info.imports.get(name)
         if spec is not None:
-            return self._follow(mrel, spec, hops + 1)
+            return self._follow(spec, hops + 1)
         if not own:
             self.deps.add(("stars", mrel))
         if hops < _MAX_HOPS:
-            for star in info.stars:
-                dotted = absolute_module(star, mrel)
-                source = dotted and self._module_file(dotted)
+            for dotted in info.stars:
+                source = self._module_file(dotted)
                 meaning = source and self._binding(source, name, hops + 1)
                 if meaning:
                     return meaning
         return None
 
-    def _follow(self, mrel: str, spec: list, hops: int):
-        module, attr = spec
-        dotted = absolute_module(module, mrel)
+    def _follow(self, spec: tuple, hops: int):
+        dotted, attr = spec
         if dotted is None:
             return EXTERNAL
         if attr is None:
