@@ -5,10 +5,15 @@ classes, methods and module constants; "defs" are {scope id: {name: [{"line", "r
 scopes ("{file}::<module>") and CSS declaration scopes ("{file}::css::{selector}"). Ids are
 "{file}::{qualified name}". Symbols and defs of a file come from its record alone; its edges also
 depend on other files, through the dependency keys its resolution recorded.
+
+A file is resolved when something needs its edges: a change that may concern it (see `asks`),
+`callers`, or the whole map. Opening an atlas over a large project therefore costs a pass over
+the records' names, not the resolution of every call.
 """
 
 from collections import Counter
 
+from .asks import Asks
 from .resolve import EMPTY_INFO, FileResolver, file_info, module_name
 
 
@@ -32,11 +37,10 @@ class Atlas:
         self._deps = {}             # rel -> dependency keys its resolution looked at
         self._dependents = {}       # dependency key -> rels
         self._callers = {}          # callee id -> set of caller ids
+        self._asks = None           # built on the first change
         self._whole = None
         for rel, record in self._files.items():
             self._add_file(rel, record, self.info(rel))
-        for rel in self._files:
-            self._resolve(rel)
 
     # --- what the resolver asks ------------------------------------------------------
 
@@ -71,15 +75,19 @@ class Atlas:
         changed += [rel for rel in new_files if rel not in old_files]
         infos = {rel: (self._info_of(rel, old_files.get(rel)), self._info_of(rel, new_files.get(rel)))
                  for rel in changed}
-        # Only a name whose unique owner changes can change what the fallback resolves to.
-        named = {(group, short) for old, new in infos.values() for group, short, _ in old.names ^ new.names}
-        owners = {pair: self.unique(*pair) for pair in named}
         moved = set()
+        for rel, (old_info, new_info) in infos.items():
+            moved |= _moved_keys(rel, old_files.get(rel), new_files.get(rel), old_info, new_info)
+        moved |= self._moved_owners(infos)
+        asks = self._asks_index()
+        # Files not resolved yet that the change may concern are resolved against the old
+        # state first, so their old edges are known and their dependencies exact.
+        for rel in [*changed, *asks.candidates(moved, lambda rel: self._star_names(rel, infos))]:
+            if rel in old_files and rel not in self._edges:
+                self._resolve(rel)
         for rel, (old_info, new_info) in infos.items():
             self._remove_file(rel, old_files.get(rel), old_info)
             self._add_file(rel, new_files.get(rel), new_info)
-            moved |= _moved_keys(rel, old_files.get(rel), new_files.get(rel), old_info, new_info)
-        moved.update(("name", short) for (group, short), owner in owners.items() if self.unique(group, short) != owner)
         self.raw, self._files, self._whole = new_raw, new_files, None
         affected = dict.fromkeys(changed)
         for key in moved:
@@ -102,6 +110,8 @@ class Atlas:
         if self._whole is None:
             whole = {"edges": [], "symbols": {}, "defs": {}}
             for rel, record in self._files.items():
+                if rel not in self._edges:
+                    self._resolve(rel)
                 whole["edges"] += _edge_maps(self._edges[rel])
                 _add_symbols_and_defs(whole, rel, record)
             self._whole = whole
@@ -109,11 +119,59 @@ class Atlas:
 
     def callers(self, symbol_ids) -> dict:
         """{symbol id: [ids of callers in other files that call it]}."""
+        symbol_ids = list(symbol_ids)
+        keys = set()
+        for sid in symbol_ids:
+            rel, _, qual = sid.partition("::")
+            keys.update({("bind", rel, qual), ("name", qual.rpartition(".")[2])})
+        for rel in self._asks_index().candidates(keys, lambda rel: ()):
+            if rel not in self._edges:
+                self._resolve(rel)
         result = {}
         for sid in symbol_ids:
             home = sid.partition("::")[0] + "::"
             result[sid] = sorted(c for c in self._callers.get(sid, ()) if not c.startswith(home))
         return result
+
+    def _moved_owners(self, infos) -> set:
+        """("name", short) for each name whose unique owner a change moves: only then can the
+        project-wide fallback resolve differently."""
+        gone, came = {}, {}
+        for rel, (old_info, new_info) in infos.items():
+            for group, short, qual in old_info.names - new_info.names:
+                gone.setdefault((group, short), set()).add(f"{rel}::{qual}")
+            for group, short, qual in new_info.names - old_info.names:
+                came.setdefault((group, short), set()).add(f"{rel}::{qual}")
+        moved = set()
+        for pair in gone.keys() | came.keys():
+            ids = self._by_name.get(pair, set())
+            after = (ids - gone.get(pair, set())) | came.get(pair, set())
+            if _only(ids) != _only(after):
+                moved.add(("name", pair[1]))
+        return moved
+
+    def _star_names(self, rel, infos) -> set:
+        """The names that the star imports of `rel`, before or after the change, could bind."""
+        names, seen = set(), set()
+        work = [module for info in infos[rel] for module in info.stars]
+        while work:
+            module = work.pop()
+            if module in seen:
+                continue
+            seen.add(module)
+            sources = [self._info_of(src, self._files[src]) for src in [self._module_files.get(module)] if src]
+            sources += [info for changed, pair in infos.items() if module_name(changed) == module for info in pair]
+            for info in sources:
+                names |= info.defs | info.imports.keys()
+                work += info.stars
+        return names
+
+    def _asks_index(self) -> Asks:
+        if self._asks is None:
+            self._asks = Asks()
+            for rel, record in self._files.items():
+                self._asks.add(rel, record, self.info(rel))
+        return self._asks
 
     # --- bookkeeping -------------------------------------------------------------------
 
@@ -128,6 +186,8 @@ class Atlas:
                 self._namespaces[prefix] += 1
         for group, short, qual in info.names:
             self._by_name.setdefault((group, short), set()).add(f"{rel}::{qual}")
+        if self._asks is not None:
+            self._asks.add(rel, record, info)
 
     def _remove_file(self, rel, record, info):
         if record is None:
@@ -140,6 +200,8 @@ class Atlas:
                 self._namespaces[prefix] -= 1
         for group, short, qual in info.names:
             self._by_name[(group, short)].discard(f"{rel}::{qual}")
+        if self._asks is not None:
+            self._asks.remove(rel, record, info)
 
     def _choose_module_file(self, dotted):
         rels = self._modules[dotted]
@@ -176,6 +238,10 @@ def _moved_keys(rel, old, new, old_info, new_info) -> set:
     if old_info.stars != new_info.stars:
         keys.add(("stars", rel))
     return keys
+
+
+def _only(ids):
+    return next(iter(ids)) if len(ids) == 1 else None
 
 
 def _prefixes(dotted):
