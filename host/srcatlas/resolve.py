@@ -49,22 +49,22 @@ def module_name(rel: str) -> str | None:
     return ".".join(parts) or None
 
 
-def absolute_module(spec: str, rel: str) -> str | None:
+def absolute_module(module: str, rel: str) -> str | None:
     """The dotted module an import in file `rel` names; None when it climbs above the root."""
-    level = len(spec) - len(spec.lstrip("."))
+    level = len(module) - len(module.lstrip("."))
     if not level:
-        return spec
+        return module
     package = (module_name(rel) or "").split(".")
     if not rel.endswith("__init__.py"):
         package.pop()
-    if level - 1 > len(package) or (level - 1 == len(package) and not spec[level:]):
+    if level - 1 > len(package) or (level - 1 == len(package) and not module[level:]):
         return None
     base = package[:len(package) - (level - 1)]
-    return ".".join(base + ([spec[level:]] if spec[level:] else [])) or None
+    return ".".join(base + ([module[level:]] if module[level:] else [])) or None
 
 
 class FileResolver:
-    """Resolves the calls of one file against an index (`ProjectNames`), collecting the keys
+    """Resolves the calls of one file against an `Atlas`, collecting the keys
     of everything it looked at in other files."""
 
     def __init__(self, names, rel: str):
@@ -115,9 +115,9 @@ class FileResolver:
         info = self.info if own else self.names.info(mrel)
         if name in info.defs:
             return ("sym", f"{mrel}::{name}")
-        spec = info.imports.get(name)
-        if spec is not None:
-            return self._follow(spec, hops + 1)
+        imported = info.imports.get(name)
+        if imported is not None:
+            return self._follow(imported, hops + 1)
         if not own:
             self.deps.add(("stars", mrel))
         if hops < _MAX_HOPS:
@@ -128,8 +128,8 @@ class FileResolver:
                     return meaning
         return None
 
-    def _follow(self, spec: tuple, hops: int):
-        dotted, attr = spec
+    def _follow(self, imported: tuple, hops: int):
+        dotted, attr = imported
         if dotted is None:
             return EXTERNAL
         if attr is None:
