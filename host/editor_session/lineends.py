@@ -1,0 +1,110 @@
+"""Keeps a file's own line ends and byte-order mark across a write of the editor module.
+
+The module reads with universal newlines and writes every line it keeps with "\\n", and a line
+that replaces line 1 drops a UTF-8 BOM. Given the bytes from before the write, the bytes the
+module wrote and which old lines the write replaced, `kept_bytes` rebuilds the file so that every
+old line outside the replaced ones is byte for byte what it was, and every new line ends in the
+file's dominant style. Lines are the module's lines: `str.splitlines` of the text, which splits
+the untranslated text exactly where it splits the translated one ("\\r\\n" is one break).
+"""
+
+from collections.abc import Sequence
+from pathlib import Path
+
+BOM = b"\xef\xbb\xbf"
+_NEWLINES = ("\r\n", "\r", "\n")
+
+# One replaced stretch of old lines: (old lines above it, old lines it removed, new lines it put
+# in, or None when the write was the only one and the count follows from the line totals).
+Span = tuple[int, int, int | None]
+
+
+def dominant(text: str) -> str:
+    """The style most of the text's "\\n"-family line ends have ("\\n" on a tie or none)."""
+    crlf = text.count("\r\n")
+    counts = {"\n": text.count("\n") - crlf, "\r\n": crlf, "\r": text.count("\r") - crlf}
+    return max(("\n", "\r\n", "\r"), key=lambda style: counts[style])
+
+
+def _uniform(text: str) -> bool:
+    crlf = text.count("\r\n")
+    cr, lf = text.count("\r"), text.count("\n")
+    return cr == 0 or lf == 0 or cr == lf == crlf
+
+
+def _translate(text: str, style: str) -> str:
+    text = text.replace("\r\n", "\n").replace("\r", "\n")
+    return text if style == "\n" else text.replace("\n", style)
+
+
+def _restyle(line: str, style: str) -> str:
+    for end in _NEWLINES:
+        if line.endswith(end):
+            return line[: -len(end)] + style
+    return line
+
+
+def _strip_bom(text: str) -> str:
+    return text[1:] if text.startswith("\ufeff") else text
+
+
+def kept_bytes(before: bytes, after: bytes, spans: Sequence[Span]) -> bytes:
+    """The bytes the file should hold: `after` (what the module wrote) with the untouched old
+    lines of `before` restored and the new lines in the dominant style. `spans` are in file
+    order and do not overlap."""
+    bom = before.startswith(BOM)
+    old = before[len(BOM) if bom else 0:].decode("utf-8")
+    new = after.decode("utf-8")
+    style = dominant(old)
+    first_line_kept = bool(spans) and spans[0][0] > 0
+    if _uniform(old) and (not bom or first_line_kept):
+        # Every old line ends alike, so restyling the whole new text restores them all.
+        text = _translate(_strip_bom(new) if bom else new, style)
+    else:
+        text = _realign(old, new, spans, style, bom)
+        # A block that put the mark back itself (copied from the text) must not double it.
+        text = _strip_bom(text) if bom else text
+    return (BOM if bom else b"") + text.encode("utf-8")
+
+
+def _realign(old: str, new: str, spans: Sequence[Span], style: str, bom: bool) -> str:
+    old_lines, new_lines = old.splitlines(keepends=True), new.splitlines(keepends=True)
+    out: list[str] = []
+    i = j = 0
+
+    def keep_until(stop: int) -> None:
+        nonlocal i, j
+        for k in range(stop - i):
+            line, now = old_lines[i + k], new_lines[j + k]
+            if bom and i + k == 0:
+                now = _strip_bom(now)
+            # An old last line without an end that now has lines below it gains one.
+            out.append(line if _restyle(line, "\n") == _restyle(now, "\n") else _restyle(now, style))
+        j += stop - i
+        i = stop
+
+    for above, removed, inserted in spans:
+        keep_until(above)
+        if inserted is None:
+            inserted = len(new_lines) - len(old_lines) + removed
+        out.extend(_restyle(line, style) for line in new_lines[j:j + inserted])
+        i, j = i + removed, j + inserted
+    keep_until(len(old_lines))
+    return "".join(out)
+
+
+def single_span(at: int, replaced: int, mode: str) -> Span:
+    """The span of one module edit from its receipt's "at", its count of replaced lines and
+    its mode."""
+    return (at if mode == "insert_after" else at - 1, replaced, None)
+
+
+def restore(path: str, before: bytes, spans: Sequence[Span]) -> bytes:
+    """Rewrites `path` (just written by the module) with its kept line ends; returns the bytes
+    it now holds. The file is written in place, and only when something changes."""
+    target = Path(path)
+    after = target.read_bytes()
+    kept = kept_bytes(before, after, spans)
+    if kept != after:
+        target.write_bytes(kept)
+    return kept
