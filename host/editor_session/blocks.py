@@ -1,0 +1,212 @@
+"""Several blocks in one edit: all addressed against the same text, all or nothing.
+
+Each block is put in by the module's own `apply_block`, on a scratch file of the same name that
+holds only the lines the block addresses (an edit is a concatenation of whole lines, so the
+module does on those lines exactly what it would do in the whole file). The pieces are then put
+together and written to the real file by one more `apply_block` over the stretch from the first
+to the last addressed line, which also gives the one syntax result against the text before. Any
+refusal comes before that write, so the real file is untouched. During the scratch applications
+the module's syntax check is swapped, through the module namespace, for one that judges nothing:
+fragments are not files, and fifty checks would cost fifty parses.
+"""
+
+import contextlib
+import os
+import tempfile
+from dataclasses import dataclass
+from pathlib import Path
+
+import editor
+from editor_session import anchors, lineends, patch, syntax
+from editor_session.reading import module_text
+
+MAX_BLOCKS = 100
+MODES = ("replace", "insert_before", "insert_after")
+
+
+@dataclass(frozen=True)
+class Block:
+    """One block resolved to lines of the current text. `first`..`last` are the old lines the
+    scratch file holds: the replaced lines, or for an insert the line it goes next to."""
+    number: int
+    mode: str
+    start: int
+    end: int
+    content: str
+
+    def reach(self) -> tuple[int, int]:
+        """Where the block sits, in half-lines: line k is 2k; the gap above it is 2k - 1."""
+        if self.mode == "replace":
+            return 2 * self.start, 2 * self.end
+        point = 2 * self.start + (1 if self.mode == "insert_after" else -1)
+        return point, point
+
+    def described(self) -> str:
+        if self.mode == "replace":
+            lines = f"line {self.start}" if self.start == self.end else f"lines {self.start}-{self.end}"
+            return f"block {self.number} ({lines})"
+        return f"block {self.number} ({self.mode} line {self.start})"
+
+
+def _refusal(number: int, refusal: dict) -> dict:
+    return {**refusal, "error": f"block {number}: {refusal['error']}", "block": number}
+
+
+def _resolve(number: int, spec: object, lines: list[str]) -> Block | dict:
+    if not isinstance(spec, dict):
+        return _refusal(number, {"error": "a block is an object with start_line/end_line or anchor, "
+                                          "mode and content"})
+    mode, content, anchor = spec.get("mode", "replace"), spec.get("content", ""), spec.get("anchor")
+    if mode not in MODES:
+        return _refusal(number, {"error": f"unknown mode '{mode}' (replace | insert_before | insert_after)"})
+    if not isinstance(content, str):
+        return _refusal(number, {"error": "content must be text"})
+    n = len(lines)
+    if anchor:
+        found = anchors.locate(lines, anchor, mode)
+        if isinstance(found, dict):
+            return _refusal(number, found)
+        first, last = found
+        start = last if mode == "insert_after" else first
+        return Block(number, mode, start, last if mode == "replace" else start, content)
+    start, end = spec.get("start_line"), spec.get("end_line")
+    if not isinstance(start, int):
+        return _refusal(number, {"error": "give either start_line or anchor"})
+    highest = n + 1 if mode == "insert_before" else n
+    if not 1 <= start <= highest:
+        return _refusal(number, {"error": f"start_line {start} is out of range (file has {n} lines)"})
+    if mode != "replace":
+        return Block(number, mode, start, start, content)
+    end = start if end is None else end
+    if not isinstance(end, int) or not start <= end <= n:
+        return _refusal(number, {"error": f"end_line {end} is out of range (start {start}, file has {n} lines)"})
+    return Block(number, mode, start, end, content)
+
+
+def plan(lines: list[str], specs: object) -> list[Block] | dict:
+    """The blocks resolved against `lines` (the text as read), in file order, or the refusal
+    for an empty, too long or overlapping list or for the first block that cannot be placed."""
+    if not isinstance(specs, list) or not specs:
+        return {"error": "blocks is empty -- give at least one block"}
+    if len(specs) > MAX_BLOCKS:
+        return {"error": f"{len(specs)} blocks are too many (at most {MAX_BLOCKS}) -- split the edit"}
+    resolved = [_resolve(number, spec, lines) for number, spec in enumerate(specs, 1)]
+    refused = next((block for block in resolved if isinstance(block, dict)), None)
+    if refused is not None:
+        return refused
+    ordered = sorted(resolved, key=Block.reach)
+    for upper, lower in zip(ordered, ordered[1:]):
+        if lower.reach()[0] <= upper.reach()[1]:
+            return {"error": f"{upper.described()} and {lower.described()} overlap -- merge them "
+                             "into one block or address lines that do not overlap",
+                    "blocks": [upper.number, lower.number]}
+    return ordered
+
+
+def _judges_nothing(abs_path, before_text=None):
+    return None
+
+
+@contextlib.contextmanager
+def _unchecked():
+    real = editor.syntax_check
+    editor.syntax_check = _judges_nothing
+    try:
+        yield
+    finally:
+        editor.syntax_check = real
+
+
+@dataclass(frozen=True)
+class Piece:
+    """What one block made of its scratch lines `first`..`last` (inclusive; 1, 0 for none)."""
+    block: Block
+    first: int
+    last: int
+    text: str
+    receipt: dict
+
+    def span(self) -> lineends.Span:
+        removed = len(self.receipt["replaced"])
+        inserted = len(self.text.splitlines()) - (self.last - self.first + 1) + removed
+        above = self.block.start if self.block.mode == "insert_after" else self.block.start - 1
+        return above, removed, inserted
+
+
+def _scratch_call(block: Block, n: int) -> tuple[int, int, int, str]:
+    """(first, last) old lines the scratch file holds (1, 0 for none), and the start line and
+    mode the block takes on them."""
+    if block.mode == "replace":
+        return block.start, block.end, 1, "replace"
+    if block.mode == "insert_before" and block.start > n:
+        # Appending goes next to the last line, so an unended last line gets its end as it would.
+        return (n, n, 1, "insert_after") if n else (1, 0, 1, "insert_before")
+    return block.start, block.start, 1, block.mode
+
+
+def _apply_on_scratch(lines: list[str], ordered: list[Block], name: str, rel: str) -> list[Piece] | dict:
+    pieces = []
+    with tempfile.TemporaryDirectory(prefix="editor-blocks-") as folder, _unchecked():
+        scratch = os.path.join(folder, name)
+        for block in reversed(ordered):
+            first, last, start, mode = _scratch_call(block, len(lines))
+            Path(scratch).write_text("".join(lines[first - 1:last]), encoding="utf-8", newline="")
+            receipt = editor.apply_block(folder, scratch, start, None if mode != "replace" else last - first + 1,
+                                         block.content, mode)
+            if "error" in receipt:
+                return _refusal(block.number, {"error": receipt["error"].replace(scratch, rel)})
+            text = Path(scratch).read_text(encoding="utf-8", newline="")
+            receipt = {"block": block.number, "replaced": receipt["replaced"], "at": block.start}
+            pieces.append(Piece(block, first, last, text, receipt))
+    return pieces[::-1]
+
+
+def _stretch(lines: list[str], pieces: list[Piece]) -> tuple[int, int, str]:
+    """The old lines from the first to the last piece and the text that replaces them."""
+    out, line = [], pieces[0].first
+    for piece in pieces:
+        out.append("".join(lines[line - 1:piece.first - 1]) if piece.first > line else "")
+        out.append(piece.text)
+        line = piece.last + 1
+    first, last = pieces[0].first, pieces[-1].last
+    text = "".join(out)
+    if text and not text.endswith("\n") and last < len(lines):
+        # A block that deleted lines below a line ended by another break: keep the stretch's
+        # text ending in "\n", as the module would otherwise give it one.
+        last += 1
+        text += lines[last - 1]
+    return first, last, text
+
+
+def edit_blocks(root: str, abs_path: str, rel: str, data: bytes, specs: object, *,
+                dry_run: bool = False, keep_line_ends: bool = True) -> dict:
+    """Puts every block of `specs` into the file `abs_path` (whose bytes are `data`)."""
+    before = module_text(data)
+    lines = before.splitlines(keepends=True)
+    shown = [line.removeprefix("\ufeff") for line in lines[:1]] + lines[1:]
+    ordered = plan(shown, specs)
+    if isinstance(ordered, dict):
+        return ordered
+    name = os.path.basename(abs_path)
+    pieces = _apply_on_scratch(lines, ordered, name, rel)
+    if isinstance(pieces, dict):
+        return pieces
+    first, last, text = _stretch(lines, pieces)
+    receipts = sorted((piece.receipt for piece in pieces), key=lambda receipt: receipt["block"])
+    if dry_run:
+        after = "".join(lines[:first - 1]) + text + "".join(lines[last:])
+        with tempfile.TemporaryDirectory(prefix="editor-dry-run-") as folder:
+            scratch = os.path.join(folder, name)
+            Path(scratch).write_text(after, encoding="utf-8", newline="")
+            verdict = syntax.honest(editor.syntax_check(scratch, before_text=before), scratch, before)
+            diff = patch.labelled_diff(scratch, before, rel)
+        return {"blocks": receipts, **verdict, "diff": diff, "dry_run": True}
+    if first <= last:
+        receipt = editor.apply_block(root, abs_path, first, last, text, "replace")
+    else:
+        receipt = editor.apply_block(root, abs_path, first, None, text, "insert_before")
+    if "error" in receipt:
+        return receipt
+    if keep_line_ends:
+        lineends.restore(abs_path, data, [piece.span() for piece in pieces])
+    return {"blocks": receipts, **syntax.honest(receipt["syntax"], abs_path, before)}
