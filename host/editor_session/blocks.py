@@ -119,45 +119,49 @@ def _unchecked():
 
 @dataclass(frozen=True)
 class Piece:
-    """What one block made of its scratch lines `first`..`last` (inclusive; 1, 0 for none)."""
+    """What one block made of the old lines `first`..`last` (inclusive; `last` = `first` - 1
+    for none: the block goes in above line `first`)."""
     block: Block
     first: int
     last: int
     text: str
     receipt: dict
+    above: int
 
     def span(self) -> lineends.Span:
         removed = len(self.receipt["replaced"])
-        inserted = len(self.text.splitlines()) - (self.last - self.first + 1) + removed
-        above = self.block.start if self.block.mode == "insert_after" else self.block.start - 1
-        return above, removed, inserted
+        return self.above, removed, len(self.text.splitlines()) - (self.last - self.first + 1) + removed
 
 
-def _scratch_call(block: Block, n: int) -> tuple[int, int, int, str]:
-    """(first, last) old lines the scratch file holds (1, 0 for none), and the start line and
-    mode the block takes on them."""
+def _scratch_call(block: Block, lines: list[str], last_replaced: bool) -> tuple[int, int, str]:
+    """(first, last) old lines the scratch file holds, and the mode the block takes there (at
+    its line 1). An insert holds no old line, except next to an unended last line, which the
+    module gives its end before anything goes below it."""
+    n = len(lines)
     if block.mode == "replace":
-        return block.start, block.end, 1, "replace"
-    if block.mode == "insert_before" and block.start > n:
-        # Appending goes next to the last line, so an unended last line gets its end as it would.
-        return (n, n, 1, "insert_after") if n else (1, 0, 1, "insert_before")
-    return block.start, block.start, 1, block.mode
+        return block.start, block.end, "replace"
+    below = block.start if block.mode == "insert_after" else block.start - 1
+    if below == n and n and not last_replaced and not lines[-1].endswith("\n"):
+        return n, n, "insert_after"
+    return below + 1, below, "insert_before"
 
 
 def _apply_on_scratch(lines: list[str], ordered: list[Block], name: str, rel: str) -> list[Piece] | dict:
+    last_replaced = any(block.mode == "replace" and block.end == len(lines) for block in ordered)
     pieces = []
     with tempfile.TemporaryDirectory(prefix="editor-blocks-") as folder, _unchecked():
         scratch = os.path.join(folder, name)
         for block in reversed(ordered):
-            first, last, start, mode = _scratch_call(block, len(lines))
+            first, last, mode = _scratch_call(block, lines, last_replaced)
             Path(scratch).write_text("".join(lines[first - 1:last]), encoding="utf-8", newline="")
-            receipt = editor.apply_block(folder, scratch, start, None if mode != "replace" else last - first + 1,
+            receipt = editor.apply_block(folder, scratch, 1, last - first + 1 if mode == "replace" else None,
                                          block.content, mode)
             if "error" in receipt:
                 return _refusal(block.number, {"error": receipt["error"].replace(scratch, rel)})
             text = Path(scratch).read_text(encoding="utf-8", newline="")
+            above = first - 1 + (receipt["at"] if mode == "insert_after" else receipt["at"] - 1)
             receipt = {"block": block.number, "replaced": receipt["replaced"], "at": block.start}
-            pieces.append(Piece(block, first, last, text, receipt))
+            pieces.append(Piece(block, first, last, text, receipt, above))
     return pieces[::-1]
 
 
@@ -168,14 +172,7 @@ def _stretch(lines: list[str], pieces: list[Piece]) -> tuple[int, int, str]:
         out.append("".join(lines[line - 1:piece.first - 1]) if piece.first > line else "")
         out.append(piece.text)
         line = piece.last + 1
-    first, last = pieces[0].first, pieces[-1].last
-    text = "".join(out)
-    if text and not text.endswith("\n") and last < len(lines):
-        # A block that deleted lines below a line ended by another break: keep the stretch's
-        # text ending in "\n", as the module would otherwise give it one.
-        last += 1
-        text += lines[last - 1]
-    return first, last, text
+    return pieces[0].first, pieces[-1].last, "".join(out)
 
 
 def edit_blocks(root: str, abs_path: str, rel: str, data: bytes, specs: object, *,
@@ -193,8 +190,8 @@ def edit_blocks(root: str, abs_path: str, rel: str, data: bytes, specs: object, 
         return pieces
     first, last, text = _stretch(lines, pieces)
     receipts = sorted((piece.receipt for piece in pieces), key=lambda receipt: receipt["block"])
+    after = "".join(lines[:first - 1]) + text + "".join(lines[last:])
     if dry_run:
-        after = "".join(lines[:first - 1]) + text + "".join(lines[last:])
         with tempfile.TemporaryDirectory(prefix="editor-dry-run-") as folder:
             scratch = os.path.join(folder, name)
             Path(scratch).write_text(after, encoding="utf-8", newline="")
@@ -207,6 +204,11 @@ def edit_blocks(root: str, abs_path: str, rel: str, data: bytes, specs: object, 
         receipt = editor.apply_block(root, abs_path, first, None, text, "insert_before")
     if "error" in receipt:
         return receipt
+    written = Path(abs_path)
+    if written.read_text(encoding="utf-8", newline="") != after:
+        # The stretch ends in a line with another break (a form feed) or none, and the module
+        # gave it a "\n" of its own: the pieces, not that, are the edit.
+        written.write_text(after, encoding="utf-8", newline="")
     if keep_line_ends:
         lineends.restore(abs_path, data, [piece.span() for piece in pieces])
     return {"blocks": receipts, **syntax.honest(receipt["syntax"], abs_path, before)}
