@@ -62,8 +62,6 @@ def kept_bytes(before: bytes, after: bytes, spans: Sequence[Span]) -> bytes:
         text = _translate(_strip_bom(new) if bom else new, style)
     else:
         text = _realign(old, new, spans, style, bom)
-        # A block that put the mark back itself (copied from the text) must not double it.
-        text = _strip_bom(text) if bom else text
     return (BOM if bom else b"") + text.encode("utf-8")
 
 
@@ -87,7 +85,11 @@ def _realign(old: str, new: str, spans: Sequence[Span], style: str, bom: bool) -
         keep_until(above)
         if inserted is None:
             inserted = len(new_lines) - len(old_lines) + removed
-        out.extend(_restyle(line, style) for line in new_lines[j:j + inserted])
+        added = [_restyle(line, style) for line in new_lines[j:j + inserted]]
+        if bom and not out and added:
+            # A block that put the mark back itself (copied from the text) must not double it.
+            added[0] = _strip_bom(added[0])
+        out.extend(added)
         i, j = i + removed, j + inserted
     keep_until(len(old_lines))
     return "".join(out)
