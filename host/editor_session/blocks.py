@@ -18,7 +18,7 @@ from pathlib import Path
 
 import editor
 from editor_session import anchors, lineends, patch, syntax
-from editor_session.reading import module_text
+from editor_session.reading import module_text, tag_of, view_lines
 
 MAX_BLOCKS = 100
 MODES = ("replace", "insert_before", "insert_after")
@@ -53,33 +53,33 @@ def _refusal(number: int, refusal: dict) -> dict:
 
 
 def _resolve(number: int, spec: object, lines: list[str]) -> Block | dict:
+    """The block `spec` placed on `lines` (the text as read), or its refusal."""
     if not isinstance(spec, dict):
-        return _refusal(number, {"error": "a block is an object with start_line/end_line or anchor, "
-                                          "mode and content"})
+        return {"error": "a block is an object with start_line/end_line or anchor, mode and content"}
     mode, content, anchor = spec.get("mode", "replace"), spec.get("content", ""), spec.get("anchor")
     if mode not in MODES:
-        return _refusal(number, {"error": f"unknown mode '{mode}' (replace | insert_before | insert_after)"})
+        return {"error": f"unknown mode '{mode}' (replace | insert_before | insert_after)"}
     if not isinstance(content, str):
-        return _refusal(number, {"error": "content must be text"})
+        return {"error": "content must be text"}
     n = len(lines)
     if anchor:
         found = anchors.locate(lines, anchor, mode)
         if isinstance(found, dict):
-            return _refusal(number, found)
+            return found
         first, last = found
         start = last if mode == "insert_after" else first
         return Block(number, mode, start, last if mode == "replace" else start, content)
     start, end = spec.get("start_line"), spec.get("end_line")
     if not isinstance(start, int):
-        return _refusal(number, {"error": "give either start_line or anchor"})
+        return {"error": "give either start_line or anchor"}
     highest = n + 1 if mode == "insert_before" else n
     if not 1 <= start <= highest:
-        return _refusal(number, {"error": f"start_line {start} is out of range (file has {n} lines)"})
+        return {"error": f"start_line {start} is out of range (file has {n} lines)"}
     if mode != "replace":
         return Block(number, mode, start, start, content)
     end = start if end is None else end
     if not isinstance(end, int) or not start <= end <= n:
-        return _refusal(number, {"error": f"end_line {end} is out of range (start {start}, file has {n} lines)"})
+        return {"error": f"end_line {end} is out of range (start {start}, file has {n} lines)"}
     return Block(number, mode, start, end, content)
 
 
@@ -91,9 +91,9 @@ def plan(lines: list[str], specs: object) -> list[Block] | dict:
     if len(specs) > MAX_BLOCKS:
         return {"error": f"{len(specs)} blocks are too many (at most {MAX_BLOCKS}) -- split the edit"}
     resolved = [_resolve(number, spec, lines) for number, spec in enumerate(specs, 1)]
-    refused = next((block for block in resolved if isinstance(block, dict)), None)
-    if refused is not None:
-        return refused
+    for number, block in enumerate(resolved, 1):
+        if isinstance(block, dict):
+            return _refusal(number, block)
     ordered = sorted(resolved, key=Block.reach)
     for upper, lower in zip(ordered, ordered[1:]):
         if lower.reach()[0] <= upper.reach()[1]:
@@ -175,13 +175,41 @@ def _stretch(lines: list[str], pieces: list[Piece]) -> tuple[int, int, str]:
     return pieces[0].first, pieces[-1].last, "".join(out)
 
 
+def addressed(data: bytes, specs: list) -> list[tuple[int, int]]:
+    """The lines each block that can still be placed addresses now (for a stale-tag refusal)."""
+    lines = view_lines(data)
+    blocks = [_resolve(number, spec, lines) for number, spec in enumerate(specs, 1)]
+    return [(block.start, block.end) for block in blocks if isinstance(block, Block)]
+
+
+def _settled(abs_path: str, data: bytes, spans: list[lineends.Span], keep_line_ends: bool) -> bytes:
+    """The file's bytes once its line ends are kept (or as the module left them)."""
+    if keep_line_ends:
+        return lineends.restore(abs_path, data, spans)
+    return Path(abs_path).read_bytes()
+
+
+def edit_one(root: str, abs_path: str, data: bytes, spec: dict, *, keep_line_ends: bool = True) -> dict:
+    """One block by the module's own edit of the real file, addressed by the lines as read."""
+    block = _resolve(1, spec, view_lines(data))
+    if isinstance(block, dict):
+        return block
+    end = block.end if block.mode == "replace" else None
+    receipt = editor.apply_block(root, abs_path, block.start, end, block.content, block.mode)
+    if "error" in receipt:
+        return receipt
+    span = lineends.single_span(receipt["at"], len(receipt["replaced"]), block.mode)
+    after = _settled(abs_path, data, [span], keep_line_ends)
+    return {"replaced": receipt["replaced"], "at": receipt["at"],
+            **syntax.honest(receipt["syntax"], abs_path, module_text(data)), "tag": tag_of(after)}
+
+
 def edit_blocks(root: str, abs_path: str, rel: str, data: bytes, specs: object, *,
                 dry_run: bool = False, keep_line_ends: bool = True) -> dict:
     """Puts every block of `specs` into the file `abs_path` (whose bytes are `data`)."""
     before = module_text(data)
     lines = before.splitlines(keepends=True)
-    shown = [line.removeprefix("\ufeff") for line in lines[:1]] + lines[1:]
-    ordered = plan(shown, specs)
+    ordered = plan(view_lines(data), specs)
     if isinstance(ordered, dict):
         return ordered
     name = os.path.basename(abs_path)
@@ -209,6 +237,5 @@ def edit_blocks(root: str, abs_path: str, rel: str, data: bytes, specs: object, 
         # The stretch ends in a line with another break (a form feed) or none, and the module
         # gave it a "\n" of its own: the pieces, not that, are the edit.
         written.write_text(after, encoding="utf-8", newline="")
-    if keep_line_ends:
-        lineends.restore(abs_path, data, [piece.span() for piece in pieces])
-    return {"blocks": receipts, **syntax.honest(receipt["syntax"], abs_path, before)}
+    after = _settled(abs_path, data, [piece.span() for piece in pieces], keep_line_ends)
+    return {"blocks": receipts, **syntax.honest(receipt["syntax"], abs_path, before), "tag": tag_of(after)}

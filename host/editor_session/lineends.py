@@ -110,3 +110,32 @@ def restore(path: str, before: bytes, spans: Sequence[Span]) -> bytes:
     if kept != after:
         target.write_bytes(kept)
     return kept
+
+
+_CODES = {"\r\n": "c", "\r": "r", "\n": "n"}
+_ENDS = {code: end for end, code in _CODES.items()}
+
+
+def profile(data: bytes | None) -> dict | None:
+    """How the file `data` ends its lines, when that differs from the module's "\\n" (a BOM
+    needs no record: it is text to the module and is written back with the text)."""
+    if data is None or b"\r" not in data:
+        return None
+    text = data.decode("utf-8")
+    if _uniform(text):
+        return {"style": dominant(text)}
+    ends = (next((code for end, code in _CODES.items() if line.endswith(end)), "-")
+            for line in text.splitlines(keepends=True))
+    return {"each": "".join(ends)}
+
+
+def encoded(text: str, ends: dict | None) -> bytes:
+    """The module's text of a file (as a snapshot holds it) with the line ends `profile` saw."""
+    if ends is None:
+        return text.encode("utf-8")
+    if "style" in ends:
+        return _translate(text, ends["style"]).encode("utf-8")
+    lines = text.splitlines(keepends=True)
+    codes = ends["each"].ljust(len(lines), "-")
+    return "".join(line[:-1] + _ENDS[code] if code != "-" and line.endswith("\n") else line
+                   for line, code in zip(lines, codes)).encode("utf-8")

@@ -76,6 +76,13 @@ def labelled_diff(abs_path: str, before: str | None, rel: str) -> str:
     return f"--- a/{rel}\n+++ b/{rel}\n{hunks}"
 
 
+def unified(root: str, touched: dict) -> str:
+    """The module's session diff with each file named by its path in the project."""
+    chunks = (labelled_diff(abs_path, before, os.path.relpath(abs_path, root).replace(os.sep, "/"))
+              for abs_path, before in sorted(touched.items()))
+    return "\n\n".join(chunk for chunk in chunks if chunk)
+
+
 def patch(root: str, touched: dict) -> str:
     """The session's changes as one patch `git apply` accepts (in the project root)."""
     chunks = []
@@ -90,3 +97,6 @@ def patch(root: str, touched: dict) -> str:
         hunks = _mark_last_lines(body.split("\n")[2:], before, after)
         chunks.append("\n".join(["--- " + old_name, "+++ " + new_name, *hunks]))
     return "".join(chunk + "\n" for chunk in chunks)
+
+
+FORMS = {"unified": unified, "patch": patch}

@@ -9,6 +9,7 @@ no step, and snapshot records and ledger entries stay one-to-one.
 
 from __future__ import annotations
 
+import json
 import os
 import sqlite3
 from typing import Any, Callable
@@ -16,12 +17,14 @@ from typing import Any, Callable
 import editor
 import projstore
 
-from . import guards, journal, ledger
+from . import blocks as block_edits
+from . import guards, journal, ledger, lineends, patch, reading
 from .live_index import LiveIndex
 from .store import DEFAULT_BUSY_TIMEOUT, SessionError, Store, digest, store_files
 
 Progress = Callable[[int, int, str], None]
 LIVE_RAW, GENERATION, LAST_RECOVERY = "live_raw", "generation", "last_recovery"
+LINE_ENDS = "line_ends"
 
 
 def describe(exc: BaseException, rel: str) -> str:
@@ -37,8 +40,10 @@ def describe(exc: BaseException, rel: str) -> str:
 
 
 class Session:
-    def __init__(self, root: str, state_dir: Any, allow_hard_links: bool, busy_timeout: float):
+    def __init__(self, root: str, state_dir: Any, allow_hard_links: bool, busy_timeout: float,
+                 keep_line_ends: bool = True):
         self.root = root
+        self.keep_line_ends = keep_line_ends
         self.state_dir = state_dir
         self.allow_hard_links = allow_hard_links
         self.busy_timeout = busy_timeout
@@ -51,7 +56,7 @@ class Session:
 
     @classmethod
     def open(cls, root: str, *, allow_hard_links: bool = False,
-             busy_timeout: float = DEFAULT_BUSY_TIMEOUT) -> "Session":
+             busy_timeout: float = DEFAULT_BUSY_TIMEOUT, keep_line_ends: bool = True) -> "Session":
         """Opens (or starts) the session of the project at `root`; raises SessionError with a
         one-line message when its store cannot be used."""
         root = os.path.abspath(root)
@@ -61,7 +66,7 @@ class Session:
             state_dir = projstore.ensure_orvel_dir(root)
         except OSError as e:
             raise SessionError(f"the state directory of {root} cannot be created: {e}")
-        session = cls(root, state_dir, allow_hard_links, busy_timeout)
+        session = cls(root, state_dir, allow_hard_links, busy_timeout, keep_line_ends)
         try:
             with session.store.locked():
                 session._sync()
@@ -75,13 +80,18 @@ class Session:
 
     # --- the tools a model calls --------------------------------------------------------
 
-    def edit(self, path: str, start_line: int | None = None, end_line: int | None = None, content: str = "",
-             mode: str = "replace", anchor: str | None = None) -> dict:
-        """Puts one block into an existing file, by lines or by anchor."""
-        def operation(target: str) -> dict:
-            return editor.apply_block(self.root, target, start_line, end_line, content, mode, anchor)
-        return self._call(lambda: self._write("edit", path, operation, {"mode": mode, "anchor": anchor}))
+    def read(self, path: str, start: int = 1, end: int | None = None) -> dict:
+        """Lines `start`..`end` of a file with their numbers, its line count and its tag."""
+        return self._call(lambda: self._read(path, start, end))
 
+    def edit(self, path: str, start_line: int | None = None, end_line: int | None = None, content: str = "",
+             mode: str = "replace", anchor: str | None = None, tag: str | None = None,
+             blocks: list | None = None, dry_run: bool = False) -> dict:
+        """Puts one block (or every block of `blocks`, all or none) into an existing file, by
+        lines or by anchor; refused when `tag` is not the file's current tag. `dry_run` shows
+        the diff and the syntax verdict and writes nothing."""
+        one = {"start_line": start_line, "end_line": end_line, "content": content, "mode": mode, "anchor": anchor}
+        return self._call(lambda: self._edit(path, one, tag, blocks, dry_run))
     def create(self, path: str, content: str) -> dict:
         """Creates a new file (and its parent directories)."""
         return self._call(lambda: self._write("create", path, lambda target: editor.create_file(
@@ -99,9 +109,9 @@ class Session:
         """Edit-introduced compiler and pyflakes errors over every file this session touched."""
         return self._call(lambda: self._check(progress))
 
-    def diff(self) -> dict:
-        """One unified diff of everything this session changed."""
-        return self._call(self._diff)
+    def diff(self, form: str = "unified") -> dict:
+        """One diff of everything this session changed: "unified", or "patch" for `git apply`."""
+        return self._call(lambda: self._diff(form))
 
     def ledger(self) -> dict:
         return self._call(lambda: {"entries": editor.ledger_load(self.root)})
@@ -226,6 +236,50 @@ class Session:
         if note is not None:
             self._notes.append(note)
 
+    def _text_file(self, path: str) -> tuple[str, str, bytes] | dict:
+        """(absolute path, relative path, bytes) of an existing text file, or a refusal."""
+        assert self._live is not None
+        target = editor.resolve_target(self.root, path, self._live.known_paths())
+        if isinstance(target, dict):
+            return patch.relative(target, self.root)
+        rel = self._rel(target)
+        problem = guards.file_problem(self.root, target, self.allow_hard_links)
+        if problem is not None:
+            return {"error": problem}
+        data = reading.load(target, rel)
+        return data if isinstance(data, dict) else (target, rel, data)
+
+    def _read(self, path: str, start: int, end: int | None) -> dict:
+        found = self._text_file(path)
+        if isinstance(found, dict):
+            return found
+        _, rel, data = found
+        return {"file": rel, **reading.read(data, start, end)}
+
+    def _edit(self, path: str, one: dict, tag: str | None, blocks: list | None, dry_run: bool) -> dict:
+        if tag is not None and (problem := reading.tag_form_error(tag)) is not None:
+            return problem
+        found = self._text_file(path)
+        if isinstance(found, dict):
+            return found
+        target, rel, data = found
+        specs = [one] if blocks is None else blocks
+        if tag is not None and tag != reading.tag_of(data):
+            addressed = block_edits.addressed(data, specs if isinstance(specs, list) else [])
+            return reading.stale_refusal(rel, data, tag, addressed)
+        if dry_run:
+            return {"file": rel, **block_edits.edit_blocks(self.root, target, rel, data, specs, dry_run=True)}
+
+        def operation(abs_path: str) -> dict:
+            if blocks is None:
+                receipt = block_edits.edit_one(self.root, abs_path, data, one, keep_line_ends=self.keep_line_ends)
+            else:
+                receipt = block_edits.edit_blocks(self.root, abs_path, rel, data, blocks,
+                                                  keep_line_ends=self.keep_line_ends)
+            return patch.relative(receipt, self.root)
+        details = {"mode": one["mode"], "anchor": one["anchor"]} if blocks is None else {}
+        return self._write("edit", path, operation, details)
+
     def _write(self, tool: str, path: str, operation: Callable[[str], dict], details: dict,
                post: str | None = None) -> dict:
         live, store = self._live, self.store
@@ -265,11 +319,11 @@ class Session:
             return self._abandon(intent, receipt)
         changes = self._reindex(target, rel)
         entry = {"tool": tool, "file": rel, **{k: v for k, v in details.items() if v is not None},
-                 **{k: receipt[k] for k in ("at", "replaced") if k in receipt},
+                 **{k: receipt[k] for k in ("at", "replaced", "blocks") if k in receipt},
                  "syntax": receipt.get("syntax"), "static_diff": changes}
         n = editor.ledger_append(self.root, entry)
         with store.conn:
-            self._record_step(intent["step"], receipt, n)
+            self._record_step(intent["step"], {**receipt, **self._line_ends_of(pre)}, n)
             self._commit()
             self._drop_journal(intent)
         if "created" in receipt:
@@ -285,6 +339,11 @@ class Session:
         except Exception as e:
             return {"error": f"not re-indexed: {describe(e, rel)}"}
         return editor.static_diff(before, after)
+
+    def _line_ends_of(self, pre: bytes | None) -> dict:
+        """What a step records so that undoing it puts the file's own line ends back."""
+        ends = lineends.profile(pre) if self.keep_line_ends else None
+        return {} if ends is None else {LINE_ENDS: ends}
 
     def _abandon(self, intent: dict, result: dict) -> dict:
         """Clears the mark of a call that wrote nothing."""
@@ -351,9 +410,12 @@ class Session:
                     "text_before": None if row["text_hash"] is None else store.get_blob(row["text_hash"]).decode(),
                     "raw": row["raw_id"]} for row in reversed(rows)]
         final: dict[str, str | None] = {}
-        for record in records:  # oldest first: the first record of a path is what it ends as
-            text = record["text_before"]
-            final.setdefault(record["path"], None if text is None else digest(text.encode()).hex())
+        exact: dict[str, bytes] = {}  # the bytes a restored file ends as, line ends included
+        for record, row in zip(records, reversed(rows)):  # oldest first: a path ends as its first record
+            text, path = record["text_before"], record["path"]
+            if path not in final and text is not None:
+                exact[path] = lineends.encoded(text, json.loads(row["receipt"]).get(LINE_ENDS))
+            final.setdefault(path, None if text is None else digest(exact[path]).hex())
         with store.conn:
             intent = {"kind": "rollback", "steps": [row["id"] for row in rows],
                       "unflagged": ledger.unflagged(self.root),
@@ -362,6 +424,8 @@ class Session:
             store.set(journal.PENDING, intent)
         try:
             result = editor.rollback_steps(records, steps)
+            if "error" not in result:
+                journal.restore_exact(exact)
         except Exception as e:
             failing = records[-1]["path"] if records else rows[-1]["rel"]
             result = {"error": describe(e, self._rel(failing))}
@@ -422,7 +486,9 @@ class Session:
             self._abandon(intent, {})
         return {"findings": findings, **({"skipped": skipped} if skipped else {})}
 
-    def _diff(self) -> dict:
+    def _diff(self, form: str) -> dict:
+        if form not in patch.FORMS:
+            return {"error": f"unknown diff form {form!r} ({' | '.join(patch.FORMS)})"}
         kept, skipped = guards.split_checkable(self.root, self._touched_texts(), True, confine=False)
         readable = {}
         for path, text in kept.items():
@@ -434,7 +500,7 @@ class Session:
                     skipped.append(describe(e, self._rel(path)))
                     continue
             readable[path] = text
-        return {"diff": editor.session_diff(readable), **({"skipped": skipped} if skipped else {})}
+        return {"diff": patch.FORMS[form](self.root, readable), **({"skipped": skipped} if skipped else {})}
 
     def _status(self) -> dict:
         steps = [{"step": n, "tool": tool, "file": rel, **({"rolled_back": True} if gone else {})}

@@ -1,0 +1,77 @@
+"""The tools wired into the session: tags, blocks, kept line ends through rollback, read, diff."""
+
+import pytest
+from helpers import tree_digest
+
+import editor
+from editor_session.session import Session
+
+
+@pytest.fixture(autouse=True)
+def state_home(tmp_path, monkeypatch):
+    monkeypatch.setenv("EDITOR_STATE_HOME", str(tmp_path / "state"))
+
+
+@pytest.fixture
+def proj(project):
+    (project / "m.py").write_bytes(b"a = 1\r\nb = 2\r\nc = 3\r\n")
+    (project / "src").mkdir()
+    (project / "src" / "n.py").write_text("x = 1\n")
+    return project
+
+
+@pytest.mark.parametrize("call", [
+    lambda s: s.edit("m.py", 2, None, "b = 9\n", tag="0" * 12),
+    lambda s: s.edit("m.py", 2, None, "b = 9\n", tag="stale"),
+    lambda s: s.edit("m.py", None, None, "X\n", anchor="= 2"),
+    lambda s: s.edit("m.py", blocks=[{"start_line": 1}, {"start_line": 1, "end_line": 2}]),
+    lambda s: s.edit("m.py", blocks=[{"start_line": 1, "content": "A = (1"}], dry_run=True),
+    lambda s: s.edit("src", 1, None, "x\n"),
+    lambda s: s.read("src"),
+])
+def test_refusals_and_dry_runs_write_nothing(proj, call):
+    s = Session.open(str(proj))
+    before = tree_digest(proj)
+    result = call(s)
+    assert ("error" in result) != bool(result.get("dry_run"))
+    assert tree_digest(proj) == before and s.status()["depth"] == 0
+
+
+def test_a_stale_tag_is_refused_with_the_current_lines_and_a_fresh_one_passes(proj):
+    s = Session.open(str(proj))
+    tag = s.read("m.py")["tag"]
+    (proj / "m.py").write_bytes(b"a = 1\r\nB = 2\r\nc = 3\r\n")
+    refusal = s.edit("m.py", 2, None, "b = 9\n", tag=tag)
+    assert refusal["lines"] == "2\tB = 2" and refusal["tag"] != tag
+    receipt = s.edit("m.py", 2, None, "b = 9\n", tag=refusal["tag"])
+    assert receipt["replaced"] == ["B = 2"] and receipt["tag"] == s.read("m.py")["tag"]
+
+
+@pytest.mark.parametrize("keep, after_edit", [
+    (True, b"a = 1\r\nb = 9\r\nc = 3\r\n"),
+    (False, b"a = 1\nb = 9\nc = 3\n"),
+])
+def test_line_ends_are_kept_through_edit_and_rollback(proj, keep, after_edit):
+    s = Session.open(str(proj), keep_line_ends=keep)
+    s.edit("m.py", 2, None, "b = 9\n")
+    assert (proj / "m.py").read_bytes() == after_edit
+    s.rollback(1)
+    assert (proj / "m.py").read_bytes() == (b"a = 1\r\nb = 2\r\nc = 3\r\n" if keep else b"a = 1\nb = 2\nc = 3\n")
+
+
+def test_a_multi_block_edit_is_one_step_undone_at_once(proj):
+    s = Session.open(str(proj))
+    result = s.edit("m.py", blocks=[{"start_line": 1, "content": "A = 1"}, {"anchor": "c = 3", "content": "C = 3"}])
+    assert [b["at"] for b in result["blocks"]] == [1, 3] and result["syntax"] == "ok"
+    assert (proj / "m.py").read_bytes() == b"A = 1\r\nb = 2\r\nC = 3\r\n"
+    assert len(editor.ledger_load(str(proj))) == 1 and s.status()["depth"] == 1
+    s.rollback(1)
+    assert (proj / "m.py").read_bytes() == b"a = 1\r\nb = 2\r\nc = 3\r\n"
+
+
+def test_diffs_name_files_by_their_project_paths(proj):
+    s = Session.open(str(proj))
+    s.edit("src/n.py", 1, None, "x = 2\n")
+    assert s.diff()["diff"].startswith("--- a/src/n.py\n+++ b/src/n.py\n")
+    assert s.diff("patch")["diff"].startswith("--- a/src/n.py\n+++ b/src/n.py\n")
+    assert "error" in s.diff("git")
