@@ -43,7 +43,7 @@ def test_blocks_give_what_the_module_gives_one_by_one_bottom_up(tmp_path_factory
                        reverse=True):
         assert "error" not in editor.apply_block(str(folder), str(one), spec["start_line"], spec["end_line"],
                                                  spec["content"], spec["mode"])
-    result = blocks.edit_blocks(str(folder), str(many), "many.txt", text.encode(), specs, keep_line_ends=False)
+    result = blocks.edit_blocks(str(folder), str(many), "many.txt", text.encode(), specs, ends=False)
     assert [r["block"] for r in result["blocks"]] == list(range(1, len(specs) + 1))
     assert many.read_bytes() == one.read_bytes()
 

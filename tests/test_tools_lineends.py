@@ -25,7 +25,7 @@ def edited(tmp_path, data, start, end, content, mode):
     receipt = editor.apply_block(str(tmp_path), str(path), start, end, content, mode)
     assert "error" not in receipt, receipt
     span = lineends.single_span(receipt["at"], len(receipt["replaced"]), mode)
-    return lineends.restore(str(path), data, [span]), path
+    return lineends.restore(str(path), data, [span], lineends.profile(data)), path
 
 
 def restyled(lines, style):

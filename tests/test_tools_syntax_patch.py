@@ -21,7 +21,7 @@ def test_syntax_blames_the_edit_only_for_its_own_breakage(tmp_path, before, line
     path.write_text(before, encoding="utf-8")
     receipt = editor.apply_block(str(tmp_path), str(path), line, None, content)
     assert receipt["syntax"] != "ok"  # what the module alone says
-    result = syntax.honest(receipt["syntax"], str(path), before)
+    result = syntax.honest(receipt["syntax"], str(path), lambda: before)
     if before_key:
         assert result == {"syntax": "ok", "syntax_before": receipt["syntax"]}
     else:

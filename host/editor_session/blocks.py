@@ -12,12 +12,11 @@ fragments are not files, and fifty checks would cost fifty parses.
 
 import contextlib
 import os
-import tempfile
 from dataclasses import dataclass
 from pathlib import Path
 
 import editor
-from editor_session import anchors, lineends, patch, syntax
+from editor_session import anchors, lineends, patch, scratch, syntax
 from editor_session.reading import module_text, tag_of, view_lines
 
 MAX_BLOCKS = 100
@@ -149,16 +148,16 @@ def _scratch_call(block: Block, lines: list[str], last_replaced: bool) -> tuple[
 def _apply_on_scratch(lines: list[str], ordered: list[Block], name: str, rel: str) -> list[Piece] | dict:
     last_replaced = any(block.mode == "replace" and block.end == len(lines) for block in ordered)
     pieces = []
-    with tempfile.TemporaryDirectory(prefix="editor-blocks-") as folder, _unchecked():
-        scratch = os.path.join(folder, name)
+    with scratch.folder("editor-blocks-") as folder, _unchecked():
+        copy = os.path.join(folder, name)
         for block in reversed(ordered):
             first, last, mode = _scratch_call(block, lines, last_replaced)
-            Path(scratch).write_text("".join(lines[first - 1:last]), encoding="utf-8", newline="")
-            receipt = editor.apply_block(folder, scratch, 1, last - first + 1 if mode == "replace" else None,
+            Path(copy).write_text("".join(lines[first - 1:last]), encoding="utf-8", newline="")
+            receipt = editor.apply_block(folder, copy, 1, last - first + 1 if mode == "replace" else None,
                                          block.content, mode)
             if "error" in receipt:
-                return _refusal(block.number, {"error": receipt["error"].replace(scratch, rel)})
-            text = Path(scratch).read_text(encoding="utf-8", newline="")
+                return _refusal(block.number, {"error": receipt["error"].replace(copy, rel)})
+            text = Path(copy).read_text(encoding="utf-8", newline="")
             above = first - 1 + (receipt["at"] if mode == "insert_after" else receipt["at"] - 1)
             receipt = {"block": block.number, "replaced": receipt["replaced"], "at": block.start}
             pieces.append(Piece(block, first, last, text, receipt, above))
@@ -182,31 +181,41 @@ def addressed(data: bytes, specs: list) -> list[tuple[int, int]]:
     return [(block.start, block.end) for block in blocks if isinstance(block, Block)]
 
 
-def _settled(abs_path: str, data: bytes, spans: list[lineends.Span], keep_line_ends: bool) -> bytes:
-    """The file's bytes once its line ends are kept (or as the module left them)."""
-    if keep_line_ends:
-        return lineends.restore(abs_path, data, spans)
-    return Path(abs_path).read_bytes()
+def _settled(abs_path: str, data: bytes, spans: list[lineends.Span], ends: lineends.Profile | bool,
+             written: bytes | None = None) -> bytes:
+    """The file's bytes once its line ends are kept (or, for `ends` False, as the module left
+    them, `written` when known); `ends` True: the profile is still to be taken."""
+    if written is None:
+        written = Path(abs_path).read_bytes()
+    if ends is False:
+        return written
+    return lineends.restore(abs_path, data, spans, lineends.profile(data) if ends is True else ends, written)
 
 
-def edit_one(root: str, abs_path: str, data: bytes, spec: dict, *, keep_line_ends: bool = True) -> dict:
-    """One block by the module's own edit of the real file, addressed by the lines as read."""
-    block = _resolve(1, spec, view_lines(data))
-    if isinstance(block, dict):
-        return block
-    end = block.end if block.mode == "replace" else None
-    receipt = editor.apply_block(root, abs_path, block.start, end, block.content, block.mode)
+def edit_one(root: str, abs_path: str, data: bytes, spec: dict, *, ends: lineends.Profile | bool = True) -> dict:
+    """One block by the module's own edit of the real file; an anchor is addressed by the lines
+    as read (line numbers go to the module as they are, and it checks them). `ends` is the
+    `lineends.profile` of `data` (True: take it here) to keep its line ends, or False to leave
+    what the module writes."""
+    start, end, mode = spec["start_line"], spec["end_line"], spec["mode"]
+    if spec["anchor"]:
+        block = _resolve(1, spec, view_lines(data))
+        if isinstance(block, dict):
+            return block
+        start, end = block.start, block.end if mode == "replace" else None
+    receipt = editor.apply_block(root, abs_path, start, end, spec["content"], mode)
     if "error" in receipt:
         return receipt
-    span = lineends.single_span(receipt["at"], len(receipt["replaced"]), block.mode)
-    after = _settled(abs_path, data, [span], keep_line_ends)
+    span = lineends.single_span(receipt["at"], len(receipt["replaced"]), mode)
+    after = _settled(abs_path, data, [span], ends)
     return {"replaced": receipt["replaced"], "at": receipt["at"],
-            **syntax.honest(receipt["syntax"], abs_path, module_text(data)), "tag": tag_of(after)}
+            **syntax.honest(receipt["syntax"], abs_path, lambda: module_text(data)), "tag": tag_of(after)}
 
 
 def edit_blocks(root: str, abs_path: str, rel: str, data: bytes, specs: object, *,
-                dry_run: bool = False, keep_line_ends: bool = True) -> dict:
-    """Puts every block of `specs` into the file `abs_path` (whose bytes are `data`)."""
+                dry_run: bool = False, ends: lineends.Profile | bool = True) -> dict:
+    """Puts every block of `specs` into the file `abs_path` (whose bytes are `data`; `ends` as
+    for `edit_one`)."""
     before = module_text(data)
     lines = before.splitlines(keepends=True)
     ordered = plan(view_lines(data), specs)
@@ -220,11 +229,11 @@ def edit_blocks(root: str, abs_path: str, rel: str, data: bytes, specs: object, 
     receipts = sorted((piece.receipt for piece in pieces), key=lambda receipt: receipt["block"])
     after = "".join(lines[:first - 1]) + text + "".join(lines[last:])
     if dry_run:
-        with tempfile.TemporaryDirectory(prefix="editor-dry-run-") as folder:
-            scratch = os.path.join(folder, name)
-            Path(scratch).write_text(after, encoding="utf-8", newline="")
-            verdict = syntax.honest(editor.syntax_check(scratch, before_text=before), scratch, before)
-            diff = patch.labelled_diff(scratch, before, rel)
+        with scratch.folder("editor-dry-run-") as folder:
+            copy = os.path.join(folder, name)
+            Path(copy).write_text(after, encoding="utf-8", newline="")
+            verdict = syntax.honest(editor.syntax_check(copy, before_text=before), copy, lambda: before)
+            diff = patch.labelled_diff(copy, before, rel)
         return {"blocks": receipts, **verdict, "diff": diff, "dry_run": True}
     if first <= last:
         receipt = editor.apply_block(root, abs_path, first, last, text, "replace")
@@ -232,10 +241,10 @@ def edit_blocks(root: str, abs_path: str, rel: str, data: bytes, specs: object, 
         receipt = editor.apply_block(root, abs_path, first, None, text, "insert_before")
     if "error" in receipt:
         return receipt
-    written = Path(abs_path)
-    if written.read_text(encoding="utf-8", newline="") != after:
+    written, wanted = Path(abs_path).read_bytes(), after.encode("utf-8")
+    if written != wanted:
         # The stretch ends in a line with another break (a form feed) or none, and the module
         # gave it a "\n" of its own: the pieces, not that, are the edit.
-        written.write_text(after, encoding="utf-8", newline="")
-    after = _settled(abs_path, data, [piece.span() for piece in pieces], keep_line_ends)
-    return {"blocks": receipts, **syntax.honest(receipt["syntax"], abs_path, before), "tag": tag_of(after)}
+        Path(abs_path).write_bytes(wanted)
+    final = _settled(abs_path, data, [piece.span() for piece in pieces], ends, wanted)
+    return {"blocks": receipts, **syntax.honest(receipt["syntax"], abs_path, lambda: before), "tag": tag_of(final)}

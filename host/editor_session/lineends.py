@@ -19,22 +19,30 @@ _NEWLINES = ("\r\n", "\r", "\n")
 Span = tuple[int, int, int | None]
 
 
+def _styles(body: bytes) -> tuple[str, bool]:
+    """The style most "\n"-family line ends of `body` have ("\n" on a tie or none), and whether
+    they all have it. Counted on bytes: "\r" and "\n" never occur inside a UTF-8 sequence."""
+    cr = body.count(b"\r")
+    if not cr:
+        return "\n", True
+    lf = body.count(b"\n")
+    if not lf:
+        return "\r", True
+    crlf = body.count(b"\r\n")
+    if cr == lf == crlf:
+        return "\r\n", True
+    counts = {"\n": lf - crlf, "\r\n": crlf, "\r": cr - crlf}
+    return max(("\n", "\r\n", "\r"), key=lambda style: counts[style]), False
+
+
 def dominant(text: str) -> str:
-    """The style most of the text's "\\n"-family line ends have ("\\n" on a tie or none)."""
-    crlf = text.count("\r\n")
-    counts = {"\n": text.count("\n") - crlf, "\r\n": crlf, "\r": text.count("\r") - crlf}
-    return max(("\n", "\r\n", "\r"), key=lambda style: counts[style])
+    return _styles(text.encode("utf-8"))[0]
 
 
-def _uniform(text: str) -> bool:
-    crlf = text.count("\r\n")
-    cr, lf = text.count("\r"), text.count("\n")
-    return cr == 0 or lf == 0 or cr == lf == crlf
-
-
-def _translate(text: str, style: str) -> str:
-    text = text.replace("\r\n", "\n").replace("\r", "\n")
-    return text if style == "\n" else text.replace("\n", style)
+def _translated(body: bytes, style: str) -> bytes:
+    if b"\r" in body:
+        body = body.replace(b"\r\n", b"\n").replace(b"\r", b"\n")
+    return body if style == "\n" else body.replace(b"\n", style.encode())
 
 
 def _restyle(line: str, style: str) -> str:
@@ -48,20 +56,17 @@ def _strip_bom(text: str) -> str:
     return text[1:] if text.startswith("\ufeff") else text
 
 
-def kept_bytes(before: bytes, after: bytes, spans: Sequence[Span]) -> bytes:
+def kept_bytes(before: bytes, after: bytes, spans: Sequence[Span], ends: "Profile") -> bytes:
     """The bytes the file should hold: `after` (what the module wrote) with the untouched old
-    lines of `before` restored and the new lines in the dominant style. `spans` are in file
-    order and do not overlap."""
+    lines of `before` (whose `profile` is `ends`) restored and the new lines in the dominant
+    style. `spans` are in file order and do not overlap."""
     bom = before.startswith(BOM)
-    old = before[len(BOM) if bom else 0:].decode("utf-8")
-    new = after.decode("utf-8")
-    style = dominant(old)
-    first_line_kept = bool(spans) and spans[0][0] > 0
-    if _uniform(old) and (not bom or first_line_kept):
+    style = "\n" if ends is None else ends["style"]
+    if (ends is None or "each" not in ends) and (not bom or (bool(spans) and spans[0][0] > 0)):
         # Every old line ends alike, so restyling the whole new text restores them all.
-        text = _translate(_strip_bom(new) if bom else new, style)
-    else:
-        text = _realign(old, new, spans, style, bom)
+        return (BOM if bom else b"") + _translated(after.removeprefix(BOM) if bom else after, style)
+    old = before.removeprefix(BOM).decode("utf-8")
+    text = _realign(old, after.decode("utf-8"), spans, style, bom)
     return (BOM if bom else b"") + text.encode("utf-8")
 
 
@@ -101,12 +106,12 @@ def single_span(at: int, replaced: int, mode: str) -> Span:
     return (at if mode == "insert_after" else at - 1, replaced, None)
 
 
-def restore(path: str, before: bytes, spans: Sequence[Span]) -> bytes:
-    """Rewrites `path` (just written by the module) with its kept line ends; returns the bytes
-    it now holds. The file is written in place, and only when something changes."""
+def restore(path: str, before: bytes, spans: Sequence[Span], ends: "Profile", after: bytes | None = None) -> bytes:
+    """Rewrites `path` (just written by the module, holding `after` if given) with its kept line
+    ends; returns the bytes it now holds. The file is written in place, only when that changes it."""
     target = Path(path)
-    after = target.read_bytes()
-    kept = kept_bytes(before, after, spans)
+    after = target.read_bytes() if after is None else after
+    kept = kept_bytes(before, after, spans, ends)
     if kept != after:
         target.write_bytes(kept)
     return kept
@@ -115,26 +120,27 @@ def restore(path: str, before: bytes, spans: Sequence[Span]) -> bytes:
 _CODES = {"\r\n": "c", "\r": "r", "\n": "n"}
 _ENDS = {code: end for end, code in _CODES.items()}
 
+# How a file ends its lines: None when the module's "\n" is all there is, else the dominant
+# "style" and, when not every line has it, "each" line's end as one letter (c, r, n; - for
+# another break or none). A BOM needs no record: to the module it is text, written back with it.
+Profile = dict | None
 
-def profile(data: bytes | None) -> dict | None:
-    """How the file `data` ends its lines, when that differs from the module's "\\n" (a BOM
-    needs no record: it is text to the module and is written back with the text)."""
+
+def profile(data: bytes | None) -> Profile:
     if data is None or b"\r" not in data:
         return None
-    text = data.decode("utf-8")
-    if _uniform(text):
-        return {"style": dominant(text)}
+    style, uniform = _styles(data)
+    if uniform:
+        return {"style": style}
     ends = (next((code for end, code in _CODES.items() if line.endswith(end)), "-")
-            for line in text.splitlines(keepends=True))
-    return {"each": "".join(ends)}
+            for line in data.decode("utf-8").splitlines(keepends=True))
+    return {"style": style, "each": "".join(ends)}
 
 
-def encoded(text: str, ends: dict | None) -> bytes:
-    """The module's text of a file (as a snapshot holds it) with the line ends `profile` saw."""
-    if ends is None:
-        return text.encode("utf-8")
-    if "style" in ends:
-        return _translate(text, ends["style"]).encode("utf-8")
+def encoded(text: str, ends: Profile) -> bytes:
+    """The module's text of a file (as a snapshot holds it) with the line ends `ends` records."""
+    if ends is None or "each" not in ends:
+        return _translated(text.encode("utf-8"), "\n" if ends is None else ends["style"])
     lines = text.splitlines(keepends=True)
     codes = ends["each"].ljust(len(lines), "-")
     return "".join(line[:-1] + _ENDS[code] if code != "-" and line.endswith("\n") else line

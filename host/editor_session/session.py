@@ -270,12 +270,15 @@ class Session:
         if dry_run:
             return {"file": rel, **block_edits.edit_blocks(self.root, target, rel, data, specs, dry_run=True)}
 
+        ends = lineends.profile(data) if self.keep_line_ends else False
+
         def operation(abs_path: str) -> dict:
             if blocks is None:
-                receipt = block_edits.edit_one(self.root, abs_path, data, one, keep_line_ends=self.keep_line_ends)
+                receipt = block_edits.edit_one(self.root, abs_path, data, one, ends=ends)
             else:
-                receipt = block_edits.edit_blocks(self.root, abs_path, rel, data, blocks,
-                                                  keep_line_ends=self.keep_line_ends)
+                receipt = block_edits.edit_blocks(self.root, abs_path, rel, data, blocks, ends=ends)
+            if ends and "error" not in receipt:
+                receipt[LINE_ENDS] = ends  # for the step, not for the model: _write takes it out
             return patch.relative(receipt, self.root)
         details = {"mode": one["mode"], "anchor": one["anchor"]} if blocks is None else {}
         return self._write("edit", path, operation, details)
@@ -317,13 +320,14 @@ class Session:
             receipt = {"syntax": describe(e, rel)}
         if "error" in receipt:
             return self._abandon(intent, receipt)
+        ends = receipt.pop(LINE_ENDS, None)
         changes = self._reindex(target, rel)
         entry = {"tool": tool, "file": rel, **{k: v for k, v in details.items() if v is not None},
                  **{k: receipt[k] for k in ("at", "replaced", "blocks") if k in receipt},
                  "syntax": receipt.get("syntax"), "static_diff": changes}
         n = editor.ledger_append(self.root, entry)
         with store.conn:
-            self._record_step(intent["step"], {**receipt, **self._line_ends_of(pre)}, n)
+            self._record_step(intent["step"], {**receipt, **({LINE_ENDS: ends} if ends else {})}, n)
             self._commit()
             self._drop_journal(intent)
         if "created" in receipt:
@@ -339,11 +343,6 @@ class Session:
         except Exception as e:
             return {"error": f"not re-indexed: {describe(e, rel)}"}
         return editor.static_diff(before, after)
-
-    def _line_ends_of(self, pre: bytes | None) -> dict:
-        """What a step records so that undoing it puts the file's own line ends back."""
-        ends = lineends.profile(pre) if self.keep_line_ends else None
-        return {} if ends is None else {LINE_ENDS: ends}
 
     def _abandon(self, intent: dict, result: dict) -> dict:
         """Clears the mark of a call that wrote nothing."""

@@ -7,10 +7,11 @@ scratch copy that keeps the file's name so the same check is chosen.
 """
 
 import os
-import tempfile
+from collections.abc import Callable
 from pathlib import Path
 
 import editor
+from editor_session import scratch
 
 _PYTHON_BREAKAGE = "SyntaxError: "
 _MARK = "\ufeff"
@@ -18,18 +19,19 @@ _MARK = "\ufeff"
 
 def scratch_check(name: str, text: str, before_text: str | None = None) -> str | None:
     """The module's syntax check of `text` as a file called `name`, written nowhere else."""
-    with tempfile.TemporaryDirectory(prefix="editor-check-") as folder:
+    with scratch.folder("editor-check-") as folder:
         path = os.path.join(folder, name)
         Path(path).write_text(text, encoding="utf-8", newline="")
         return editor.syntax_check(path, before_text=before_text)
 
 
-def honest(result: str | None, abs_path: str, before_text: str | None) -> dict:
+def honest(result: str | None, abs_path: str, text_before: Callable[[], str | None]) -> dict:
     """{"syntax": ...} for a write of `abs_path`, plus "syntax_before" when the breakage the
-    module reported was already in `before_text` (the text before the write, None for a new
-    file)."""
+    module reported was already in the text before the write (`text_before()`, asked only
+    then; None for a new file)."""
     if not (isinstance(result, str) and result.startswith(_PYTHON_BREAKAGE)):
         return {"syntax": result}
+    before_text = text_before()
     name = os.path.basename(abs_path)
     after = Path(abs_path).read_text(encoding="utf-8")
     if after.startswith(_MARK):
