@@ -9,13 +9,17 @@ single-block edit of the same file; both run the module's real syntax check (the
 of the fifty-block edit included).
 """
 
+import os
+import shutil
 import statistics
+import tempfile
 import time
 from pathlib import Path
 
 from harness import row
 
 from editor_session import blocks
+from editor_session.session import Session
 
 SCRATCH = Path(__file__).resolve().parent / ".scratch" / "tools"
 LINE = "    value_{i:06d} = compute(value_{j:06d}, factor=3)  # keeps a running total of it\n"
@@ -51,6 +55,21 @@ def line_ends():
     assert path.read_bytes().count(b"\r\n") == 100_000, "the kept edit must leave CRLF on every line"
     size = f"{len(data) / 2**20:.1f} MiB"
     row("one-line edit, line ends kept", size, kept, plain)
+    # The same through the session's tool call, which is what a model's edit costs.
+    state = tempfile.mkdtemp(prefix="bench-state-")
+    os.environ["EDITOR_STATE_HOME"] = state
+    plain_session = Session.open(root, keep_line_ends=False)
+    kept_session = Session.open(root)
+
+    def call(session):
+        return lambda: session.edit("crlf.txt", 50_000, None, "    changed = 1\n")
+
+    plain, kept = interleaved([call(plain_session), call(kept_session)], lambda: path.write_bytes(data), rounds=11)
+    assert path.read_bytes().count(b"\r\n") == 100_000, "the kept edit must leave CRLF on every line"
+    row("session edit, line ends kept", size, kept, plain)
+    for session in (plain_session, kept_session):
+        session.close()
+    shutil.rmtree(state)
     path.unlink()
 
 
