@@ -21,17 +21,16 @@ Span = tuple[int, int, int | None]
 
 def _styles(body: bytes) -> tuple[str, bool]:
     """The style most "\n"-family line ends of `body` have ("\n" on a tie or none), and whether
-    they all have it. Worked on bytes ("\r" and "\n" never occur inside a UTF-8 sequence), with
-    membership tests where they settle it, since they run at memory speed and counts do not."""
+    they all have it. Worked on bytes ("\r" and "\n" never occur inside a UTF-8 sequence);
+    membership tests settle the common files at memory speed before anything is counted."""
     if b"\r" not in body:
         return "\n", True
     if b"\n" not in body:
         return "\r", True
-    rest = body.replace(b"\r\n", b"")
-    if b"\r" not in rest and b"\n" not in rest:
+    crlf, cr, lf = body.count(b"\r\n"), body.count(b"\r"), body.count(b"\n")
+    if cr == lf == crlf:
         return "\r\n", True
-    crlf = (len(body) - len(rest)) // 2
-    counts = {"\n": rest.count(b"\n"), "\r\n": crlf, "\r": rest.count(b"\r")}
+    counts = {"\n": lf - crlf, "\r\n": crlf, "\r": cr - crlf}
     return max(("\n", "\r\n", "\r"), key=lambda style: counts[style]), False
 
 
