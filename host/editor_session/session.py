@@ -126,8 +126,9 @@ class Session:
             for path in store_files(self.state_dir):
                 path.unlink(missing_ok=True)
             self.store = Store.open(self.root, self.state_dir, self.busy_timeout)
-            self._store_id, self._live, self._generation = self._store_identity(), None, -1
-        return {"reset": str(self.state_dir / self.store.path.name)}
+            self._store_id, self._generation = self._store_identity(), -1
+            self._build_index(generation=0)  # unchanged files keep their records: nothing re-parsed
+        return {"reset": str(self.store.path)}
 
     # --- one call ----------------------------------------------------------------------
 
@@ -162,18 +163,23 @@ class Session:
             self._store_id, self._live, self._generation = self._store_identity(), None, -1
         store = self.store
         if store.get(LIVE_RAW) is None:
-            with store.conn:
-                live = LiveIndex.build(store, self.root)
-                store.set(LIVE_RAW, live.raw_id)
-                store.set(GENERATION, 0)
-            self._live, self._generation = live, 0
+            self._build_index(generation=0)
         generation = store.get(GENERATION)
         if self._live is None or generation != self._generation:
             self._live = LiveIndex.load(store, self.root, store.get(LIVE_RAW), like=self._live)
             self._generation = generation
+        if not self._live.current:  # made by an older indexer
+            self._build_index(generation + 1)
         intent = store.get(journal.PENDING)
         if intent is not None:
             self._recover(intent)
+
+    def _build_index(self, generation: int) -> None:
+        with self.store.conn:
+            live = LiveIndex.build(self.store, self.root, like=self._live)
+            self.store.set(LIVE_RAW, live.raw_id)
+            self.store.set(GENERATION, generation)
+        self._live, self._generation = live, generation
 
     def _commit(self) -> None:
         """Ends a call's transaction: the live raw saved, the mark cleared, other processes told."""
@@ -194,13 +200,16 @@ class Session:
     # --- recovery ----------------------------------------------------------------------
 
     def _recover(self, intent: dict) -> None:
-        outcome = journal.settle(self.store, self.root, intent, ledger.unflagged(self.root))
+        ledger_note = ledger.restore_cut(self.root) if intent["kind"] != "check" else None
+        outcome = journal.settle(self.store, self.root, intent, ledger.unflagged(editor.ledger_load(self.root)))
+        if ledger_note is not None:
+            outcome.notes.append(ledger_note)
         live, store = self._live, self.store
         assert live is not None
         kind = intent["kind"]
         with store.conn:
             if kind in ("edit", "create"):
-                appended = ledger.length(self.root) > intent["ledger_len"]
+                appended = len(editor.ledger_load(self.root)) > intent["ledger_len"]
                 if outcome.finished:
                     step = intent["step"]
                     receipt = {"syntax": None, "recovered": outcome.notes[0]}
@@ -213,7 +222,7 @@ class Session:
                 step = intent["step"]
                 store.add_touched(step["rel"], None if step["text_hash"] is None else bytes.fromhex(step["text_hash"]))
             elif kind == "rollback" and outcome.finished:
-                if ledger.unflagged(self.root) == intent["unflagged"]:
+                if ledger.unflagged(editor.ledger_load(self.root)) == intent["unflagged"]:
                     editor.ledger_mark_rolled_back(self.root, outcome.consumed)
                 store.mark_rolled_back(intent["steps"][:outcome.consumed])
             if kind != "check":
@@ -231,10 +240,12 @@ class Session:
 
     # --- writes ------------------------------------------------------------------------
 
-    def _guard_ledger(self) -> None:
-        note = ledger.ensure_readable(self.root)
+    def _prepare_ledger(self) -> list:
+        """Before a call that will make the module rewrite the ledger: its steps now."""
+        steps, note = ledger.prepare(self.root)
         if note is not None:
             self._notes.append(note)
+        return steps
 
     def _text_file(self, path: str) -> tuple[str, str, bytes] | dict:
         """(absolute path, relative path, bytes) of an existing text file, or a refusal."""
@@ -294,7 +305,7 @@ class Session:
         problem = guards.file_problem(self.root, target, self.allow_hard_links)
         if problem is not None:
             return {"error": problem}
-        self._guard_ledger()
+        ledger_steps = self._prepare_ledger()
         try:
             pre = journal.read_bytes(target)
             snapshot = editor.take_snapshot(live.raw, target)
@@ -305,7 +316,7 @@ class Session:
             text_hash = None if text_before is None else store.put_blob(text_before.encode("utf-8"))
             expected = journal.UNKNOWN if post is None else digest(post.encode("utf-8", "surrogatepass")).hex()
             intent = {"kind": tool, "files": [journal.file_entry(store, rel, pre, expected)],
-                      "ledger_len": ledger.length(self.root),
+                      "ledger_len": len(ledger_steps),
                       "step": {"tool": tool, "rel": rel, "ts": snapshot["ts"],
                                "text_hash": None if text_hash is None else text_hash.hex(),
                                "raw_id": live.raw_id, "first": not store.is_touched(rel)}}
@@ -404,7 +415,7 @@ class Session:
         problem = guards.rollback_problem(self.root, paths, self.allow_hard_links)
         if problem is not None:
             return {"error": problem}
-        self._guard_ledger()
+        ledger_steps = self._prepare_ledger()
         records = [{"ts": row["ts"], "path": os.path.join(self.root, row["rel"]),
                     "text_before": None if row["text_hash"] is None else store.get_blob(row["text_hash"]).decode(),
                     "raw": row["raw_id"]} for row in reversed(rows)]
@@ -417,7 +428,7 @@ class Session:
             final.setdefault(path, None if text is None else digest(exact[path]).hex())
         with store.conn:
             intent = {"kind": "rollback", "steps": [row["id"] for row in rows],
-                      "unflagged": ledger.unflagged(self.root),
+                      "unflagged": ledger.unflagged(ledger_steps),
                       "files": [journal.file_entry(store, self._rel(p), journal.read_bytes(p), final[p])
                                 for p in paths]}
             store.set(journal.PENDING, intent)
@@ -431,11 +442,11 @@ class Session:
         popped = rows[:steps - len(records)]
         if popped:
             editor.ledger_mark_rolled_back(self.root, len(popped))
-        if "error" in result:
+        target = None if "error" in result else LiveIndex.load(store, self.root, rows[-1]["raw_id"], like=live)
+        if target is None or not target.current:
             live.reindex([os.path.join(self.root, row["rel"]) for row in popped])
         else:
             before_files = live.raw["files"]
-            target = LiveIndex.load(store, self.root, rows[-1]["raw_id"], like=live)
             live.adopt(target.raw, target.raw_id, target.manifest)
             live.drop_missing([rel for rel in target.raw["files"] if rel not in before_files])
         with store.conn:

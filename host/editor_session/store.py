@@ -31,8 +31,8 @@ RESET_HINT = "run 'editor-session --root {root} reset' to start a new session (p
 
 _SCHEMA = """
 CREATE TABLE meta(key TEXT PRIMARY KEY, value TEXT NOT NULL);
-CREATE TABLE blobs(hash BLOB PRIMARY KEY, data BLOB NOT NULL) WITHOUT ROWID;
-CREATE TABLE records(hash BLOB PRIMARY KEY, data BLOB NOT NULL) WITHOUT ROWID;
+CREATE TABLE blobs(hash BLOB PRIMARY KEY, data BLOB NOT NULL);
+CREATE TABLE records(hash BLOB PRIMARY KEY, data BLOB NOT NULL);
 CREATE TABLE raws(id INTEGER PRIMARY KEY, parent INTEGER REFERENCES raws(id), depth INTEGER NOT NULL,
                   schema INTEGER, delta BLOB NOT NULL);
 CREATE TABLE touched(seq INTEGER PRIMARY KEY, rel TEXT UNIQUE NOT NULL, text_hash BLOB);
