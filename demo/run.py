@@ -75,7 +75,7 @@ def scripted_session(root):
     print("   report.py: call a helper that does not exist")
     show(s.edit("report.py", None, None,
                 "    return f\"<style>{REPORT_STYLE}</style>\" + \"\".join(pages) + format_total(warehouse)\n",
-                anchor="    return f\"<style>{REPORT_STYLE}</style>\""))
+                anchor="    return f\"<style>{REPORT_STYLE}</style>\" + \"\".join(pages) + f\"<p>{total_value(warehouse)}</p>\"\n"))
     print("   checksum.c: use an undeclared identifier")
     show(s.edit("checksum.c", 9, None, "        b = (b + a + carry) % 65521u;\n"))
 

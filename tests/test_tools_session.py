@@ -75,3 +75,23 @@ def test_diffs_name_files_by_their_project_paths(proj):
     assert s.diff()["diff"].startswith("--- a/src/n.py\n+++ b/src/n.py\n")
     assert s.diff("patch")["diff"].startswith("--- a/src/n.py\n+++ b/src/n.py\n")
     assert "error" in s.diff("git")
+
+
+def tree_bytes(root):
+    return {str(p.relative_to(root)): p.read_bytes() if p.is_file() else None
+            for p in sorted(root.rglob("*")) if ".git" not in p.parts}
+
+
+@pytest.mark.parametrize("target, was", [("m.py", "file"), ("src", "directory")])
+def test_a_delete_is_one_step_and_its_rollback_puts_every_byte_back(proj, target, was):
+    s = Session.open(str(proj))
+    before = tree_bytes(proj)
+    s.edit("src/n.py", 1, None, "x = 2\n")
+    result = s.delete(target)
+    assert result["was"] == was and result["deleted"] == target and result["step"] == 2
+    assert not (proj / target).exists() and s.status()["depth"] == 2
+    entries = editor.ledger_load(str(proj))
+    assert [e["tool"] for e in entries] == ["edit", "delete"]
+    s.rollback(2)
+    assert tree_bytes(proj) == before
+    assert all(e.get("rolled_back") for e in editor.ledger_load(str(proj)))

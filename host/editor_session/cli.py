@@ -52,7 +52,7 @@ def _parser() -> argparse.ArgumentParser:
     create = tools.add_parser("create", help="create a file (content from --content or stdin)")
     create.add_argument("path")
     create.add_argument("--content")
-    tools.add_parser("delete", help="delete a file or directory (not undoable)").add_argument("path")
+    tools.add_parser("delete", help="delete a file or directory (one step: rollback puts it back)").add_argument("path")
     tools.add_parser("rollback", help="undo the newest STEPS writes").add_argument("steps", type=int)
     tools.add_parser("check", help="compiler and pyflakes errors the session introduced")
     tools.add_parser("diff", help="unified diff of the session's changes").add_argument(
@@ -119,6 +119,8 @@ def _lines(tool: str, result: dict) -> list[str]:
         for kind, items in (result.get("static_diff") or {}).items():
             lines += [f"{kind}: {item}" for item in items]
         return lines
+    if tool == "delete":
+        return [f"step {result['step']}: deleted {result['deleted']} ({result['was']})"]
     if tool == "rollback":
         return [f"restored {item}" for item in result["restored"]]
     if tool == "check":

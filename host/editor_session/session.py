@@ -12,19 +12,21 @@ from __future__ import annotations
 import json
 import os
 import sqlite3
+import time
 from typing import Any, Callable
 
 import editor
 import projstore
 
 from . import blocks as block_edits
-from . import guards, journal, ledger, lineends, patch, reading
+from . import guards, images, journal, ledger, lineends, patch, reading
 from .live_index import LiveIndex
 from .store import DEFAULT_BUSY_TIMEOUT, SessionError, Store, digest, store_files
 
 Progress = Callable[[int, int, str], None]
 LIVE_RAW, GENERATION, LAST_RECOVERY = "live_raw", "generation", "last_recovery"
 LINE_ENDS = "line_ends"
+IMAGE = "image"
 
 
 def describe(exc: BaseException, rel: str) -> str:
@@ -98,7 +100,7 @@ class Session:
             self.root, target, content), {}, post=content))
 
     def delete(self, path: str) -> dict:
-        """Deletes a file or directory. Not undoable: no snapshot and no ledger step."""
+        """Deletes a file or directory as one step: rollback puts back every byte of it."""
         return self._call(lambda: self._delete(path))
 
     def rollback(self, steps: int) -> dict:
@@ -383,6 +385,8 @@ class Session:
                 first_touch = None  # not text: nothing to diff against later
         with store.conn:
             text_hash = None if first_touch is None else store.put_blob(first_touch.encode("utf-8"))
+            image = images.capture(target, store.put_blob)  # what undoing the deletion puts back
+            raw_before = live.raw_id
             entry = (journal.file_entry(store, rel, pre, None) if is_file
                      else {"rel": rel, "pre": journal.DIRECTORY, "post": None})
             intent = {"kind": "delete", "files": [entry],
@@ -392,13 +396,21 @@ class Session:
             result = editor.delete_file(self.root, target)
         except Exception as e:
             result = {"error": describe(e, rel)}
+        deleted = "error" not in result
         with store.conn:
-            if "error" not in result and first_touch is not None:
+            if deleted and first_touch is not None:
                 store.add_touched(rel, text_hash)
-            live.reindex([target])
+            before, after = live.reindex([target])
+            if deleted:
+                result = {"deleted": rel, "was": result["was"]}
+                changes = editor.static_diff(before, after)
+                n = editor.ledger_append(self.root, {"tool": "delete", "file": rel, "was": result["was"],
+                                                     "static_diff": changes})
+                store.add_step("delete", rel, time.time(), None, raw_before, n, {**result, IMAGE: image})
+                result = {**result, "static_diff": changes, "step": n}
             self._commit()
             self._drop_journal(intent)
-        return result
+        return patch.relative(result, self.root)
 
     # --- rollback ----------------------------------------------------------------------
 
@@ -416,24 +428,31 @@ class Session:
         if problem is not None:
             return {"error": problem}
         ledger_steps = self._prepare_ledger()
-        records = [{"ts": row["ts"], "path": os.path.join(self.root, row["rel"]),
+        records = [{"ts": row["ts"], "path": None if row["tool"] == "delete" else os.path.join(self.root, row["rel"]),
                     "text_before": None if row["text_hash"] is None else store.get_blob(row["text_hash"]).decode(),
                     "raw": row["raw_id"]} for row in reversed(rows)]
         final: dict[str, str | None] = {}
         exact: dict[str, bytes] = {}  # the bytes a restored file ends as, line ends included
         for record, row in zip(records, reversed(rows)):  # oldest first: a path ends as its first record
-            text, path = record["text_before"], record["path"]
-            if path not in final and text is not None:
+            text, path = record["text_before"], os.path.join(self.root, row["rel"])
+            if path in final:
+                continue
+            if row["tool"] == "delete":
+                image = json.loads(row["receipt"])[IMAGE]
+                # A tree put back is left out of the write-ahead mark: recovery restores files only.
+                final[path] = image["blob"] if image and image["kind"] == "file" else journal.UNKNOWN
+                continue
+            if text is not None:
                 exact[path] = lineends.encoded(text, json.loads(row["receipt"]).get(LINE_ENDS))
-            final.setdefault(path, None if text is None else digest(exact[path]).hex())
+            final[path] = None if text is None else digest(exact[path]).hex()
         with store.conn:
             intent = {"kind": "rollback", "steps": [row["id"] for row in rows],
                       "unflagged": ledger.unflagged(ledger_steps),
                       "files": [journal.file_entry(store, self._rel(p), journal.read_bytes(p), final[p])
-                                for p in paths]}
+                                for p in paths if final[p] != journal.UNKNOWN]}
             store.set(journal.PENDING, intent)
         try:
-            result = editor.rollback_steps(records, steps)
+            result = self._undo(rows, records)
             if "error" not in result:
                 journal.restore_exact(exact)
         except Exception as e:
@@ -460,6 +479,23 @@ class Session:
                          f"consumed and marked rolled back in the ledger ({', '.join(map(str, undone)) or 'none'})",
                 "consumed": len(popped),
                 "restored": [row["rel"] for row in popped[:-1]]}
+
+    def _undo(self, rows: list, records: list[dict]) -> dict:
+        """Undoes `rows` (newest first) one at a time through the module's rollback, which pops
+        their `records`; a deletion's record touches no file, and its image is put back here,
+        in turn, so that older steps inside a deleted tree find their folders again."""
+        restored: list[str] = []
+        result: dict = {}
+        for row in rows:
+            result = editor.rollback_steps(records, 1)
+            if "error" in result:
+                return result
+            if row["tool"] == "delete":
+                path = os.path.join(self.root, row["rel"])
+                images.restore(path, json.loads(row["receipt"])[IMAGE], self.store.get_blob)
+                result["restored"] = [path]
+            restored += result["restored"]
+        return {"restored": restored, "raw": result.get("raw")}
 
     def _restored_name(self, item: str) -> str:
         suffix = " (deleted)"
