@@ -95,3 +95,21 @@ def test_a_delete_is_one_step_and_its_rollback_puts_every_byte_back(proj, target
     s.rollback(2)
     assert tree_bytes(proj) == before
     assert all(e.get("rolled_back") for e in editor.ledger_load(str(proj)))
+
+
+def test_redo_reapplies_undone_steps_in_order_until_the_files_change(proj):
+    s = Session.open(str(proj))
+    s.edit("m.py", 1, None, "A = 1\n")
+    s.delete("src")
+    done = tree_bytes(proj)
+    s.rollback(2)
+    assert "2 undone step(s)" in s.redo(3)["error"]
+    assert [r["tool"] for r in s.redo(2)["redone"]] == ["edit", "delete"]
+    assert tree_bytes(proj) == done and s.status()["depth"] == 2
+    assert [e.get("redo_of") for e in editor.ledger_load(str(proj))] == [None, None, 1, 2]
+    s.rollback(1)
+    (proj / "src" / "n.py").write_text("changed\n")
+    before = tree_bytes(proj)
+    assert "no longer as the rollback left it" in s.redo(1)["error"] and tree_bytes(proj) == before
+    s.edit("m.py", 2, None, "b = 0\n")
+    assert "0 undone step(s)" in s.redo(1)["error"]

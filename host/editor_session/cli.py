@@ -54,6 +54,7 @@ def _parser() -> argparse.ArgumentParser:
     create.add_argument("--content")
     tools.add_parser("delete", help="delete a file or directory (one step: rollback puts it back)").add_argument("path")
     tools.add_parser("rollback", help="undo the newest STEPS writes").add_argument("steps", type=int)
+    tools.add_parser("redo", help="re-apply the STEPS steps the last rollbacks undid").add_argument("steps", type=int)
     tools.add_parser("check", help="compiler and pyflakes errors the session introduced")
     tools.add_parser("diff", help="unified diff of the session's changes").add_argument(
         "--patch", action="store_true", help="a patch git apply accepts (a/REL, b/REL, /dev/null)")
@@ -82,6 +83,7 @@ def _call(session: Session, args: argparse.Namespace) -> dict:
         "create": lambda: session.create(args.path, content),
         "delete": lambda: session.delete(args.path),
         "rollback": lambda: session.rollback(args.steps),
+        "redo": lambda: session.redo(args.steps),
         "check": session.check,
         "diff": lambda: session.diff("patch" if args.patch else "unified"),
         "ledger": session.ledger,
@@ -119,6 +121,8 @@ def _lines(tool: str, result: dict) -> list[str]:
         for kind, items in (result.get("static_diff") or {}).items():
             lines += [f"{kind}: {item}" for item in items]
         return lines
+    if tool == "redo":
+        return [f"step {step['step']}: {step['tool']} {step['file']} again" for step in result["redone"]]
     if tool == "delete":
         return [f"step {result['step']}: deleted {result['deleted']} ({result['was']})"]
     if tool == "rollback":

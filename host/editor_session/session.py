@@ -27,6 +27,7 @@ Progress = Callable[[int, int, str], None]
 LIVE_RAW, GENERATION, LAST_RECOVERY = "live_raw", "generation", "last_recovery"
 LINE_ENDS = "line_ends"
 IMAGE = "image"
+REDO = "redo"
 
 
 def describe(exc: BaseException, rel: str) -> str:
@@ -106,6 +107,11 @@ class Session:
     def rollback(self, steps: int) -> dict:
         """Undoes the newest `steps` writes and installs the index as it was before them."""
         return self._call(lambda: self._rollback(steps))
+
+    def redo(self, steps: int) -> dict:
+        """Re-applies the newest `steps` undone steps while their files are as the rollback left
+        them; each comes back as a new step."""
+        return self._call(lambda: self._redo(steps))
 
     def check(self, progress: Progress | None = None) -> dict:
         """Edit-introduced compiler and pyflakes errors over every file this session touched."""
@@ -341,6 +347,7 @@ class Session:
         n = editor.ledger_append(self.root, entry)
         with store.conn:
             self._record_step(intent["step"], {**receipt, **({LINE_ENDS: ends} if ends else {})}, n)
+            store.set(REDO, None)
             self._commit()
             self._drop_journal(intent)
         if "created" in receipt:
@@ -407,6 +414,7 @@ class Session:
                 n = editor.ledger_append(self.root, {"tool": "delete", "file": rel, "was": result["was"],
                                                      "static_diff": changes})
                 store.add_step("delete", rel, time.time(), None, raw_before, n, {**result, IMAGE: image})
+                store.set(REDO, None)
                 result = {**result, "static_diff": changes, "step": n}
             self._commit()
             self._drop_journal(intent)
@@ -483,19 +491,80 @@ class Session:
     def _undo(self, rows: list, records: list[dict]) -> dict:
         """Undoes `rows` (newest first) one at a time through the module's rollback, which pops
         their `records`; a deletion's record touches no file, and its image is put back here,
-        in turn, so that older steps inside a deleted tree find their folders again."""
+        in turn, so that older steps inside a deleted tree find their folders again. Each undone
+        step goes on the redo stack with the images of its path after and before it."""
         restored: list[str] = []
         result: dict = {}
+        undone = []
         for row in rows:
+            path = os.path.join(self.root, row["rel"])
+            with self.store.conn:  # each store write commits, so a call killed later holds no lock
+                after = images.capture(path, self.store.put_blob)
             result = editor.rollback_steps(records, 1)
             if "error" in result:
-                return result
+                break
+            receipt = json.loads(row["receipt"])
             if row["tool"] == "delete":
-                path = os.path.join(self.root, row["rel"])
-                images.restore(path, json.loads(row["receipt"])[IMAGE], self.store.get_blob)
+                images.restore(path, receipt[IMAGE], self.store.get_blob)
                 result["restored"] = [path]
+            elif row["text_hash"] is not None and receipt.get(LINE_ENDS):
+                text = self.store.get_blob(row["text_hash"]).decode()
+                journal.restore_exact({path: lineends.encoded(text, receipt[LINE_ENDS])})
+            with self.store.conn:
+                undone.append({"id": row["id"], "before": images.capture(path, self.store.put_blob), "after": after})
             restored += result["restored"]
+        with self.store.conn:
+            self.store.set(REDO, self.store.get(REDO, []) + undone)
+        if "error" in result:
+            return result
         return {"restored": restored, "raw": result.get("raw")}
+
+    def _redo(self, steps: int) -> dict:
+        live, store = self._live, self.store
+        assert live is not None
+        stack = store.get(REDO, [])
+        if isinstance(steps, bool) or not isinstance(steps, int) or not 1 <= steps <= len(stack):
+            return {"error": f"cannot redo {steps!r} step(s): {len(stack)} undone step(s) can be redone -- "
+                             "a redo follows a rollback, until the next write"}
+        entries = stack[::-1][:steps]  # the last undone first: steps come back in their own order
+        rows = [store.step(entry["id"]) for entry in entries]
+        expected: dict[str, Any] = {}
+        for entry, row in zip(entries, rows):
+            path = os.path.join(self.root, row["rel"])
+            now = expected[path] if path in expected else images.capture(path, digest)
+            if now != entry["before"]:
+                return {"error": f"redo refused, nothing was changed: {row['rel']} is no longer as the rollback "
+                                 "left it -- read it and edit it instead"}
+            expected[path] = entry["after"]
+        paths = list(dict.fromkeys(os.path.join(self.root, row["rel"]) for row in rows))
+        with store.conn:
+            intent = {"kind": "redo", "files": [journal.file_entry(store, self._rel(p), journal.read_bytes(p), journal.UNKNOWN)
+                                                for p in paths if not os.path.isdir(p)]}
+            store.set(journal.PENDING, intent)
+        redone = []
+        with store.conn:  # the steps and the stack in one transaction; a kill leaves the mark to recovery
+            for entry, row in zip(entries, rows):
+                path, rel = os.path.join(self.root, row["rel"]), row["rel"]
+                raw_before = live.save(store)
+                snapshot = None if row["tool"] == "delete" else editor.take_snapshot(live.raw, path)
+                if row["tool"] == "delete":
+                    editor.delete_file(self.root, path)
+                else:
+                    images.remove(path)
+                    images.restore(path, entry["after"], store.get_blob)
+                before, after = live.reindex([path])
+                changes = editor.static_diff(before, after)
+                n = editor.ledger_append(self.root, {"tool": row["tool"], "file": rel, "redo_of": row["ledger_n"],
+                                                     "static_diff": changes})
+                text = None if snapshot is None else snapshot["text_before"]
+                text_hash = None if text is None else store.put_blob(text.encode("utf-8"))
+                store.add_step(row["tool"], rel, time.time(), text_hash, raw_before, n,
+                               {**json.loads(row["receipt"]), "redo_of": row["ledger_n"]})
+                redone.append({"step": n, "tool": row["tool"], "file": rel, "static_diff": changes})
+            store.set(REDO, stack[:-steps] or None)
+            self._commit()
+            self._drop_journal(intent)
+        return {"redone": redone}
 
     def _restored_name(self, item: str) -> str:
         suffix = " (deleted)"
