@@ -57,7 +57,8 @@ def locate(lines: list[str], anchor: str, mode: str) -> tuple[int, int] | dict:
         return {"error": NOT_FOUND, "nearest": _nearest(lines, anchor)}
     starts = _starts(lines)
     if count > 1:
-        places, position = [], text.find(anchor)
+        places: list[dict] = []
+        position = text.find(anchor)
         while position >= 0 and len(places) < SHOWN_OCCURRENCES:
             first, last = _line_of(starts, position), _line_of(starts, position + len(anchor) - 1)
             places.append({"line": first, "text": numbered(lines[first - 1:last], first)})

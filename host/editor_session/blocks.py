@@ -66,8 +66,8 @@ def _resolve(number: int, spec: object, lines: list[str]) -> Block | dict:
         if isinstance(found, dict):
             return found
         first, last = found
-        start = last if mode == "insert_after" else first
-        return Block(number, mode, start, last if mode == "replace" else start, content)
+        at = last if mode == "insert_after" else first
+        return Block(number, mode, at, last if mode == "replace" else at, content)
     start, end = spec.get("start_line"), spec.get("end_line")
     if not isinstance(start, int):
         return {"error": "give either start_line or anchor"}
@@ -93,7 +93,7 @@ def plan(lines: list[str], specs: object) -> list[Block] | dict:
     for number, block in enumerate(resolved, 1):
         if isinstance(block, dict):
             return _refusal(number, block)
-    ordered = sorted(resolved, key=Block.reach)
+    ordered = sorted((block for block in resolved if isinstance(block, Block)), key=Block.reach)
     for upper, lower in zip(ordered, ordered[1:]):
         if lower.reach()[0] <= upper.reach()[1]:
             return {"error": f"{upper.described()} and {lower.described()} overlap -- merge them "

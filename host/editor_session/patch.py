@@ -33,7 +33,7 @@ def _current(abs_path: str) -> str | None:
 
 
 def _unterminated(text: str | None) -> bool:
-    return bool(text) and not text.endswith(("\n", "\r"))
+    return text is not None and text != "" and not text.endswith(("\n", "\r"))
 
 
 def _mark_last_lines(hunks: list[str], before: str | None, after: str | None) -> list[str]:

@@ -82,12 +82,12 @@ def read(data: bytes, start: int = 1, end: int | None = None) -> dict:
     if end is not None and (not isinstance(end, int) or end < start):
         return {"error": f"end {end} is out of range (start {start}, file has {count} lines)"}
     last = count if end is None else min(end, count)
-    result = {"tag": tag_of(data), "line_count": count, "start": start,
-              "end": min(last, start + MAX_LINES - 1)}
-    if last - start + 1 > MAX_LINES:
-        result["note"] = (f"showing lines {start}-{result['end']} of {count} (at most {MAX_LINES} "
-                          f"at a time) -- read on with start={result['end'] + 1}")
-    result["text"] = numbered(lines[start - 1:result["end"]], start)
+    shown_end = min(last, start + MAX_LINES - 1)
+    result: dict = {"tag": tag_of(data), "line_count": count, "start": start, "end": shown_end}
+    if last > shown_end:
+        result["note"] = (f"showing lines {start}-{shown_end} of {count} (at most {MAX_LINES} "
+                          f"at a time) -- read on with start={shown_end + 1}")
+    result["text"] = numbered(lines[start - 1:shown_end], start)
     return result
 
 
