@@ -113,3 +113,15 @@ def test_redo_reapplies_undone_steps_in_order_until_the_files_change(proj):
     assert "no longer as the rollback left it" in s.redo(1)["error"] and tree_bytes(proj) == before
     s.edit("m.py", 2, None, "b = 0\n")
     assert "0 undone step(s)" in s.redo(1)["error"]
+
+
+def test_the_demo_shows_the_agent_tools(tmp_path):
+    import sys
+    from pathlib import Path
+    sys.path.insert(0, str(Path(__file__).resolve().parent.parent / "demo"))
+    import run as demo
+    root = demo.copy_sample(tmp_path)
+    r = demo.agent_tools(root)
+    assert "changed since tag" in r["stale"]["error"] and r["stale"]["tag"] != r["read"]["tag"]
+    assert len(r["blocks"]["blocks"]) == 2 and r["crlf_bytes"].count(b"\r\n") == 3
+    assert r["undelete"]["restored"] == ["tools/build.bat"] and r["redo"]["redone"][0]["tool"] == "delete"
