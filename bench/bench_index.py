@@ -2,6 +2,8 @@
 
 - One edit: `update` + `Atlas.switch` + `editor.static_diff` beside its floor, re-indexing the
   edited file (`_index_file`), at the first steps and again after 500 edits.
+- The first edit of a process (a command-line call): a fresh `Atlas` over the raw IR, then
+  the edit as above, beside the same floor.
 - Opening: `build(root, reuse=...)` with every record reusable, plus the `Atlas` over it, beside
   the floor of one `os.stat` per file.
 """
@@ -125,6 +127,15 @@ def main():
             one_edit(0)
         row(f"edit: update+switch+static_diff, step {STEPS}", size,
             *interleaved(one_edit, reindex_floor, SAMPLES, write))
+
+        def fresh_edit(_):
+            path = state["path"]
+            fresh = srcatlas.Atlas(state["raw"])
+            state["raw"] = srcatlas.update(state["raw"], str(root), str(path))
+            editor.static_diff(*fresh.switch(state["raw"]))
+
+        row("first edit of a process: Atlas+update+switch", size,
+            *interleaved(fresh_edit, reindex_floor, 9, write))
 
         records = state["raw"]["files"]
 

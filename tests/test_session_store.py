@@ -241,3 +241,17 @@ def test_read_only_state_directory_is_refused_before_any_write(proj):
         refused = run_cli(proj, "edit", "a.py", "--start", "1", "--content", "A = 5\n")
     assert refused.returncode == 1 and str(state) in refused.stderr and "writable" in refused.stderr
     assert tree_digest(proj) == before
+
+
+def test_reset_settles_a_call_cut_short_then_forgets_the_session(proj, monkeypatch):
+    s = Session.open(str(proj))
+    s.edit("sub/b.py", 1, None, "B = 20\n")
+    dying(monkeypatch, editor, "ledger_append")
+    with pytest.raises(Killed):
+        _edit_a(s)
+    result = Session.open(str(proj)).reset()
+    assert result["recovered"] == ["an interrupted edit was undone: restored a.py"]
+    assert (proj / "a.py").read_text() == "A = 1\n" and (proj / "sub" / "b.py").read_text() == "B = 20\n"
+    fresh = Session.open(str(proj))
+    assert fresh.status()["depth"] == 0 and fresh.status()["touched"] == []
+    assert "error" in fresh.rollback(1)

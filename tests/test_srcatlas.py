@@ -67,6 +67,10 @@ def test_removed_files_and_directories_leave_the_index(project):
     new = srcatlas.update(raw, str(project), str(project / "inventory"))
     assert not any(rel.startswith("inventory/") for rel in new["files"])
     assert "tools/util.py" in new["files"]
+    (project / "inventory" / "deep").mkdir(parents=True)
+    (project / "inventory" / "deep" / "x.py").write_text("def f(): pass\n")
+    again = srcatlas.update(new, str(project), str(project / "inventory"))
+    assert [rel for rel in again["files"] if rel.startswith("inventory/")] == ["inventory/deep/x.py"]
 
 
 def test_raw_ir_is_plain_json_and_rebuilds_the_same_maps(project):

@@ -3,6 +3,7 @@ whole, and `build` reuses records whose stamp has not moved."""
 
 import json
 
+import pytest
 from hypothesis import given, settings, strategies as st
 
 import editor
@@ -12,9 +13,10 @@ from srcatlas.python_source import index_python
 MODULES = ["pkg/__init__.py", "pkg/a.py", "pkg/b.py", "pkg/sub/__init__.py", "pkg/sub/c.py", "d.py"]
 IMPORTS = ["from pkg.a import f", "from pkg.b import g as f", "from pkg import a", "import pkg.b as m",
            "from . import b", "from .a import K", "from ..b import g", "from pkg import *", "import d",
-           "from pkg.sub import c", "import json", "from .sub.c import h"]
+           "from pkg.sub import c", "import json", "from .sub.c import h", "import pkg.sub.c",
+           "from .a import *"]
 CALLS = ["f()", "g()", "h()", "m.g()", "a.f()", "b.K()", "c.h()", "d.f()", "K()", "self.run()",
-         "obj.run()", "obj.stop()", "json.load()", "pkg.a.f()", "K.run()", "make().stop()"]
+         "obj.run()", "obj.stop()", "json.load()", "pkg.a.f()", "K.run()", "make().stop()", "pkg.sub.c.h()"]
 
 
 @st.composite
@@ -84,3 +86,38 @@ def test_build_reads_only_files_whose_stamp_moved(tmp_path, monkeypatch):
     assert read == [str(tmp_path / "b.py")]
     assert again["files"]["a.py"] is first["files"]["a.py"]
     assert srcatlas.enrich(again)["symbols"].keys() == {"a.py::f", "b.py::g"}
+
+
+TWICE = {"x.py": "def g(): pass", "y.py": "def g(): pass"}
+
+
+@pytest.mark.parametrize(
+    ("start", "rel", "text", "edge"),
+    [
+        (TWICE | {"pkg/b.py": "", "app.py": "import pkg.b as m\ndef main():\n    m.g()"},
+         "pkg/b.py", "def g(): pass", "app.py::main -> b.py::g"),
+        (TWICE | {"pkg/__init__.py": "from .b import g as f", "pkg/b.py": "",
+                  "app.py": "from pkg import f\ndef main():\n    f()"},
+         "pkg/b.py", "def g(): pass", "app.py::main -> b.py::g"),
+        (TWICE | {"pkg/__init__.py": "", "pkg/b.py": "def g(): pass",
+                  "app.py": "from pkg import g\ndef main():\n    g()"},
+         "pkg/__init__.py", "from .b import *", "app.py::main -> b.py::g"),
+        ({"pkg/__init__.py": "from .b import g as f", "pkg/b.py": "",
+          "app.py": "from pkg import f\ndef main():\n    f()"},
+         "other.py", "def g(): pass", "app.py::main -> other.py::g"),
+        (TWICE | {"pkg/__init__.py": "", "pkg/b.py": "def g(): pass", "hub.py": "import pkg as P",
+                  "app.py": "from hub import P\ndef main():\n    P.g()"},
+         "pkg/__init__.py", "from .b import *", "app.py::main -> b.py::g"),
+        (TWICE | {"pkg/__init__.py": "", "hub.py": "from pkg import *",
+                  "app.py": "from hub import g\ndef main():\n    g()"},
+         "pkg/__init__.py", "def g(): pass", "app.py::main -> __init__.py::g"),
+    ],
+    ids=["module-alias", "alias-re-export", "star-re-export", "fallback-through-re-export",
+         "star-through-alias", "through-star-importer"],
+)
+def test_a_fresh_atlas_reports_edges_of_files_it_has_not_resolved(start, rel, text, edge):
+    old = {"schema": srcatlas.SCHEMA, "files": {name: record(body) for name, body in start.items()}}
+    new = step(old, rel, text)
+    result = diff(*srcatlas.Atlas(old).switch(new))
+    assert result == diff(srcatlas.enrich(old), srcatlas.enrich(new))
+    assert edge in result["edges_added"]

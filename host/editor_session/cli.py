@@ -15,7 +15,7 @@ from typing import Any, Callable
 import projstore
 
 from .session import Session
-from .store import DEFAULT_BUSY_TIMEOUT, SessionError, store_files
+from .store import DEFAULT_BUSY_TIMEOUT, SessionError, remove_store
 
 EPILOG = ("exit status: 0 success, 1 refusal or unusable session, 2 usage error, "
           "3 a problem reported (syntax breakage in a receipt, findings from the check)")
@@ -192,7 +192,4 @@ def main(argv: list[str] | None = None) -> int:
 
 
 def _remove_store(root: str) -> str:
-    state_dir = projstore.project_dir(os.path.abspath(root))
-    for path in store_files(state_dir):
-        path.unlink(missing_ok=True)
-    return str(store_files(state_dir)[0])
+    return str(remove_store(projstore.project_dir(os.path.abspath(root))))

@@ -51,14 +51,19 @@ def digest(data: bytes) -> bytes:
     return hashlib.sha256(data).digest()
 
 
-def store_files(state_dir: Path) -> list[Path]:
+def remove_store(state_dir: Path) -> Path:
+    """Deletes the store's files, its write-ahead log first: a removal cut short leaves either
+    the whole store or none (a log without its database would be replayed into a new one)."""
     base = state_dir / STORE_NAME
-    return [base, base.with_name(STORE_NAME + "-wal"), base.with_name(STORE_NAME + "-shm")]
+    for path in (base.with_name(STORE_NAME + "-wal"), base.with_name(STORE_NAME + "-shm"), base):
+        path.unlink(missing_ok=True)
+    return base
 
 
 class Store:
-    def __init__(self, conn: sqlite3.Connection, state_dir: Path, busy_timeout: float):
+    def __init__(self, conn: sqlite3.Connection, root: str, state_dir: Path, busy_timeout: float):
         self.conn = conn
+        self.root = root
         self.state_dir = state_dir
         self.path = state_dir / STORE_NAME
         self.busy_timeout = busy_timeout
@@ -67,7 +72,9 @@ class Store:
     # --- opening -----------------------------------------------------------------------
 
     @classmethod
-    def open(cls, root: str, state_dir: Path, busy_timeout: float = DEFAULT_BUSY_TIMEOUT) -> "Store":
+    def open(cls, root: str, state_dir: Path, busy_timeout: float = DEFAULT_BUSY_TIMEOUT,
+             lock_held: bool = False) -> "Store":
+        """Opens or creates the store; `lock_held` when the caller already holds the session lock."""
         path = state_dir / STORE_NAME
         hint = RESET_HINT.format(root=root)
         try:
@@ -75,13 +82,13 @@ class Store:
                                    check_same_thread=False)
         except sqlite3.Error as e:
             raise SessionError(f"session store {path} cannot be opened: {e} -- is {state_dir} writable?")
-        store = cls(conn, state_dir, busy_timeout)
+        store = cls(conn, root, state_dir, busy_timeout)
         try:
             conn.execute("PRAGMA journal_mode=WAL")
             conn.execute("PRAGMA synchronous=NORMAL")
             conn.execute("PRAGMA foreign_keys=ON")
             if conn.execute("PRAGMA user_version").fetchone()[0] == 0:
-                with store.locked():
+                with contextlib.nullcontext() if lock_held else store.locked():
                     if conn.execute("PRAGMA user_version").fetchone()[0] == 0:
                         conn.executescript(f"BEGIN IMMEDIATE;{_SCHEMA}PRAGMA user_version={SCHEMA_VERSION};COMMIT;")
             version = conn.execute("PRAGMA user_version").fetchone()[0]
@@ -104,6 +111,10 @@ class Store:
 
     def close(self) -> None:
         self.conn.close()
+
+    def checkpoint(self) -> None:
+        """Moves everything committed into the database file and empties the log."""
+        self.conn.execute("PRAGMA wal_checkpoint(TRUNCATE)")
 
     @contextlib.contextmanager
     def locked(self) -> Iterator[None]:
@@ -135,11 +146,11 @@ class Store:
 
     # --- meta --------------------------------------------------------------------------
 
-    def get(self, key: str, default: Any = None) -> Any:
+    def get_meta(self, key: str, default: Any = None) -> Any:
         row = self.conn.execute("SELECT value FROM meta WHERE key=?", (key,)).fetchone()
         return default if row is None else json.loads(row[0])
 
-    def set(self, key: str, value: Any) -> None:
+    def set_meta(self, key: str, value: Any) -> None:
         if value is None:
             self.conn.execute("DELETE FROM meta WHERE key=?", (key,))
         else:
@@ -157,7 +168,7 @@ class Store:
         row = self.conn.execute("SELECT data FROM blobs WHERE hash=?", (key,)).fetchone()
         if row is None:
             raise SessionError(f"session store {self.path} lacks a text it refers to -- "
-                               + RESET_HINT.format(root="ROOT"))
+                               + RESET_HINT.format(root=self.root))
         return zlib.decompress(row[0])
 
     def drop_unreferenced_blobs(self, keys: list[bytes]) -> None:
@@ -188,9 +199,9 @@ class Store:
 
     def get_records(self, keys: set[bytes]) -> dict[bytes, dict]:
         found: dict[bytes, dict] = {}
-        keys = list(keys)
-        for start in range(0, len(keys), 500):
-            chunk = keys[start:start + 500]
+        ordered = list(keys)
+        for start in range(0, len(ordered), 500):
+            chunk = ordered[start:start + 500]
             marks = ",".join("?" * len(chunk))
             for key, data in self.conn.execute(f"SELECT hash, data FROM records WHERE hash IN ({marks})", chunk):
                 found[key] = marshal.loads(zlib.decompress(data))
@@ -209,7 +220,7 @@ class Store:
             parent, depth, changes = None, 0, dict(full)
         cursor = self.conn.execute("INSERT INTO raws(parent, depth, schema, delta) VALUES(?, ?, ?, ?)",
                                    (parent, depth, json.dumps(schema), zlib.compress(marshal.dumps(changes), 1)))
-        return int(cursor.lastrowid)
+        return int(cursor.lastrowid or 0)
 
     def manifest(self, raw_id: int) -> tuple[Any, dict[str, bytes]]:
         rows = self.conn.execute(
@@ -233,7 +244,7 @@ class Store:
         cursor = self.conn.execute(
             "INSERT INTO steps(tool, rel, ts, text_hash, raw_id, ledger_n, receipt) VALUES(?, ?, ?, ?, ?, ?, ?)",
             (tool, rel, ts, text_hash, raw_id, ledger_n, json.dumps(receipt, ensure_ascii=False)))
-        return int(cursor.lastrowid)
+        return int(cursor.lastrowid or 0)
 
     def live_steps(self, count: int) -> list[sqlite3.Row]:
         """The newest `count` steps still on the snapshot stack, newest first."""

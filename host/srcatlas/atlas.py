@@ -5,10 +5,15 @@ classes, methods and module constants; "defs" are {scope id: {name: [{"line", "r
 scopes ("{file}::<module>") and CSS declaration scopes ("{file}::css::{selector}"). Ids are
 "{file}::{qualified name}". Symbols and defs of a file come from its record alone; its edges also
 depend on other files, through the dependency keys its resolution recorded.
+
+A file is resolved when something needs its edges: a change that may concern it (see
+`mentions`), `callers`, or the whole map. Opening an atlas over a large project therefore costs
+one pass over the records' symbols, not the resolution of every call.
 """
 
 from collections import Counter
 
+from .mentions import Reexports, key_words, words_of
 from .resolve import EMPTY_INFO, FileResolver, file_info, module_name
 
 
@@ -23,38 +28,28 @@ class Atlas:
     def __init__(self, raw: dict):
         self.raw = raw
         self._files = raw["files"]
-        self._infos = {}            # rel -> (record, FileInfo)
-        self._modules = {}          # dotted -> set of rels
+        self._infos = {}              # rel -> (record, FileInfo)
+        self._words = {}              # rel -> (record, names it mentions)
+        self._modules = {}            # dotted -> set of rels
+        self._module_files = {}       # dotted -> the rel an import of it loads
         self._namespaces = Counter()  # dotted module or package prefix -> modules below it
-        self._by_name = {}          # (group, short name) -> set of symbol ids
-        self._edges = {}            # rel -> [(caller id, callee id)]
-        self._deps = {}             # rel -> dependency keys its resolution looked at
-        self._dependents = {}       # dependency key -> rels
-        self._callers = {}          # callee id -> set of caller ids
+        self._by_name = {}            # (group, short name) -> set of symbol ids
+        self._edges = {}              # rel -> [(caller id, callee id)], for resolved files
+        self._deps = {}               # rel -> dependency keys its resolution looked at
+        self._dependents = {}         # dependency key -> rels
+        self._callers = {}            # callee id -> set of caller ids
+        self._reexports = None        # built on the first change that moves a name
         self._whole = None
         for rel, record in self._files.items():
-            self._add_file(rel, record, self.info(rel))
-        for rel in self._files:
-            self._resolve(rel)
+            self._index(rel, record, True)
 
     # --- what the resolver asks ------------------------------------------------------
 
     def info(self, rel: str):
         return self._info_of(rel, self._files.get(rel))
 
-    def _info_of(self, rel, record):
-        cached = self._infos.get(rel)
-        if cached is None or cached[0] is not record:
-            cached = (record, file_info(record) if record is not None else EMPTY_INFO)
-            self._infos[rel] = cached
-        return cached[1]
-
     def module_file(self, dotted: str) -> str | None:
-        rels = self._modules.get(dotted)
-        if not rels:
-            return None
-        # A package shadows a module of the same name, as on import.
-        return min(rels, key=lambda rel: (not rel.endswith("/__init__.py"), rel))
+        return self._module_files.get(dotted)
 
     def module_exists(self, dotted: str) -> bool:
         return self._namespaces[dotted] > 0
@@ -74,15 +69,21 @@ class Atlas:
         changed += [rel for rel in new_files if rel not in old_files]
         infos = {rel: (self._info_of(rel, old_files.get(rel)), self._info_of(rel, new_files.get(rel)))
                  for rel in changed}
-        # Only a name whose unique owner changes can change what the fallback resolves to.
-        named = {(group, short) for old, new in infos.values() for group, short, _ in old.names ^ new.names}
-        owners = {pair: self.unique(*pair) for pair in named}
-        moved = set()
-        for rel, (old_info, new_info) in infos.items():
-            self._remove_file(rel, old_files.get(rel), old_info)
-            self._add_file(rel, new_files.get(rel), new_info)
-            moved |= _moved_keys(rel, old_files.get(rel), new_files.get(rel), old_info, new_info)
-        moved.update(("name", short) for (group, short), owner in owners.items() if self.unique(group, short) != owner)
+        moved = self._moved_keys(changed, old_files, new_files, infos)
+        # Files not resolved yet that the change may concern are resolved against the old
+        # state first, so that their old edges are known and their dependencies exact.
+        words = {word for key in moved for word in key_words(key, lambda rel: self._star_names(rel, infos))}
+        if words:
+            words = self._reexport_index().closure(words)
+        for rel in [*changed, *self._mentioning(words)]:
+            if rel in old_files and rel not in self._edges:
+                self._resolve(rel)
+        for rel in changed:
+            if self._reexports is not None:
+                self._reexports.remove(rel, old_files.get(rel) or {})
+                self._reexports.add(rel, new_files.get(rel) or {})
+            self._index(rel, old_files.get(rel), False)
+            self._index(rel, new_files.get(rel), True)
         self.raw, self._files, self._whole = new_raw, new_files, None
         affected = dict.fromkeys(changed)
         for key in moved:
@@ -105,6 +106,8 @@ class Atlas:
         if self._whole is None:
             whole = {"edges": [], "symbols": {}, "defs": {}}
             for rel, record in self._files.items():
+                if rel not in self._edges:
+                    self._resolve(rel)
                 whole["edges"] += _edge_maps(self._edges[rel])
                 _add_symbols_and_defs(whole, rel, record)
             self._whole = whole
@@ -112,37 +115,123 @@ class Atlas:
 
     def callers(self, symbol_ids) -> dict:
         """{symbol id: [ids of callers in other files that call it]}."""
+        symbol_ids = list(symbol_ids)
+        words = set()
+        for sid in symbol_ids:
+            words.add(sid.rpartition("::")[2].rpartition(".")[2])
+        for rel in self._mentioning(self._reexport_index().closure(words)):
+            self._resolve(rel)
         result = {}
         for sid in symbol_ids:
             home = sid.partition("::")[0] + "::"
             result[sid] = sorted(c for c in self._callers.get(sid, ()) if not c.startswith(home))
         return result
 
+    # --- what a change moves -----------------------------------------------------------
+
+    def _moved_keys(self, changed, old_files, new_files, infos) -> set:
+        """The dependency keys whose answer the change alters. Names and modules are judged by
+        the answers the resolver gets, before and after, so that a name defined in many places
+        gaining one more moves nothing."""
+        moved, pairs, modules = set(), set(), set()
+        for rel, (old_info, new_info) in infos.items():
+            moved.update(("bind", rel, name) for name in old_info.defs ^ new_info.defs)
+            moved.update(("bind", rel, name) for name in old_info.imports.keys() | new_info.imports.keys()
+                         if old_info.imports.get(name) != new_info.imports.get(name))
+            if old_info.stars != new_info.stars:
+                moved.add(("stars", rel))
+            pairs.update((group, short) for group, short, _ in old_info.names ^ new_info.names)
+            if (rel in old_files) != (rel in new_files) and module_name(rel):
+                modules.update(_prefixes(module_name(rel)))
+
+        def answers():
+            return ({pair: self.unique(*pair) for pair in pairs},
+                    {dotted: (self.module_exists(dotted), self.module_file(dotted)) for dotted in modules})
+
+        names_before, modules_before = answers()
+        for rel in changed:
+            self._index(rel, old_files.get(rel), False)
+            self._index(rel, new_files.get(rel), True)
+        names_after, modules_after = answers()
+        for rel in changed:
+            self._index(rel, new_files.get(rel), False)
+            self._index(rel, old_files.get(rel), True)
+        moved.update(("name", short) for (group, short), owner in names_before.items()
+                     if names_after[(group, short)] != owner)
+        moved.update(("mod", dotted) for dotted, answer in modules_before.items() if modules_after[dotted] != answer)
+        return moved
+
+    def _star_names(self, rel, infos) -> set:
+        """The names that the star imports of `rel`, before or after the change, could bind."""
+        names, seen = set(), set()
+        work = [module for info in infos[rel] for module in info.stars]
+        while work:
+            module = work.pop()
+            if module in seen:
+                continue
+            seen.add(module)
+            source = self._module_files.get(module)
+            sources = [self.info(source)] if source else []
+            sources += [info for other, pair in infos.items() if module_name(other) == module for info in pair]
+            for info in sources:
+                names |= info.defs | info.imports.keys()
+                work += info.stars
+        return names
+
+    def _mentioning(self, words: set) -> list:
+        """The unresolved files that mention one of `words`."""
+        found = []
+        if not words:
+            return found
+        for rel, record in self._files.items():
+            if rel in self._edges:
+                continue
+            cached = self._words.get(rel)
+            if cached is None or cached[0] is not record:
+                cached = self._words[rel] = (record, words_of(rel, record))
+            if not words.isdisjoint(cached[1]):
+                found.append(rel)
+        return found
+
+    def _reexport_index(self) -> Reexports:
+        if self._reexports is None:
+            self._reexports = Reexports()
+            for rel, record in self._files.items():
+                self._reexports.add(rel, record)
+        return self._reexports
+
     # --- bookkeeping -------------------------------------------------------------------
 
-    def _add_file(self, rel, record, info):
-        if record is None:
-            return
-        dotted = module_name(rel)
-        if dotted:
-            self._modules.setdefault(dotted, set()).add(rel)
-            for prefix in _prefixes(dotted):
-                self._namespaces[prefix] += 1
-        for group, short, qual in info.names:
-            self._by_name.setdefault((group, short), set()).add(f"{rel}::{qual}")
+    def _info_of(self, rel, record):
+        cached = self._infos.get(rel)
+        if cached is None or cached[0] is not record:
+            cached = (record, file_info(record, rel) if record is not None else EMPTY_INFO)
+            self._infos[rel] = cached
+        return cached[1]
 
-    def _remove_file(self, rel, record, info):
+    def _index(self, rel, record, add):
+        """Adds a record's modules and callable symbols to the name indexes, or takes them out."""
         if record is None:
             return
         dotted = module_name(rel)
         if dotted:
-            self._modules[dotted].discard(rel)
+            rels = self._modules.setdefault(dotted, set())
+            (rels.add if add else rels.discard)(rel)
+            if rels:
+                # A package shadows a module of the same name, as on import.
+                self._module_files[dotted] = min(rels, key=lambda r: (not r.endswith("/__init__.py"), r))
+            else:
+                self._module_files.pop(dotted, None)
             for prefix in _prefixes(dotted):
-                self._namespaces[prefix] -= 1
-        for group, short, qual in info.names:
-            self._by_name[(group, short)].discard(f"{rel}::{qual}")
+                self._namespaces[prefix] += 1 if add else -1
+        by_name = self._by_name
+        for qual, kind, _ in record.get("symbols") or ():
+            if kind != "constant":
+                ids = by_name.setdefault(("method" if kind == "method" else "def", qual.rpartition(".")[2]), set())
+                (ids.add if add else ids.discard)(f"{rel}::{qual}")
 
     def _resolve(self, rel):
+        self._unresolve(rel)
         resolver = FileResolver(self, rel)
         edges = resolver.edges(self._files[rel])
         self._edges[rel], self._deps[rel] = edges, resolver.deps
@@ -156,19 +245,6 @@ class Atlas:
             self._dependents[key].discard(rel)
         for caller, callee in self._edges.pop(rel, ()):
             self._callers[callee].discard(caller)
-
-
-def _moved_keys(rel, old, new, old_info, new_info) -> set:
-    """The dependency keys whose answer a change of `rel` from `old` to `new` may alter."""
-    keys = set()
-    if (old is None) != (new is None) and module_name(rel):
-        keys.update(("mod", prefix) for prefix in _prefixes(module_name(rel)))
-    keys.update(("bind", rel, name) for name in old_info.defs ^ new_info.defs)
-    keys.update(("bind", rel, name) for name in old_info.imports.keys() | new_info.imports.keys()
-                if old_info.imports.get(name) != new_info.imports.get(name))
-    if old_info.stars != new_info.stars:
-        keys.add(("stars", rel))
-    return keys
 
 
 def _prefixes(dotted):

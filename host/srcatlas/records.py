@@ -34,6 +34,8 @@ def update(raw: dict, root, abs_path) -> dict:
     everything below it) dropped when it is gone; the given IR and its records are untouched."""
     rel = Path(os.path.relpath(abs_path, root)).as_posix()
     files = dict(raw["files"])
+    if _SKIP_DIRS.intersection(rel.split("/")[:-1]):
+        return {"schema": SCHEMA, "files": files}
     if os.path.isfile(abs_path):
         files[rel] = _index_file(abs_path)
     else:

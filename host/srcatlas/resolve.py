@@ -15,22 +15,27 @@ EXTERNAL = ("external",)
 
 
 class FileInfo(NamedTuple):
+    """What the resolver needs of one file, with its imports made absolute for its place."""
     defs: frozenset        # top-level functions and classes, and "Class.method"
-    imports: dict          # name -> [module, attr or None]
-    stars: tuple           # modules of `from m import *`
+    imports: dict          # name -> (dotted module or None when it climbs above the root, attr or None)
+    stars: tuple           # dotted modules of `from m import *`
     names: frozenset       # (group, short name, qual) of every callable symbol
 
 
 EMPTY_INFO = FileInfo(frozenset(), {}, (), frozenset())
 
 
-def file_info(record: dict) -> FileInfo:
+def file_info(record: dict, rel: str) -> FileInfo:
     symbols = record.get("symbols")
     if not symbols and not record.get("imports") and not record.get("stars"):
         return EMPTY_INFO
     callable_ = [(qual, kind) for qual, kind, _ in symbols or () if kind != "constant"]
-    return FileInfo(frozenset(qual for qual, _ in callable_), record.get("imports") or {},
-                    tuple(record.get("stars") or ()),
+    absolute = {}
+    imports = {name: (absolute[module] if module in absolute else
+                      absolute.setdefault(module, absolute_module(module, rel)), attr)
+               for name, (module, attr) in (record.get("imports") or {}).items()}
+    stars = tuple(dotted for dotted in (absolute_module(m, rel) for m in record.get("stars") or ()) if dotted)
+    return FileInfo(frozenset(qual for qual, _ in callable_), imports, stars,
                     frozenset(("method" if kind == "method" else "def", qual.rpartition(".")[2], qual)
                               for qual, kind in callable_))
 
@@ -44,22 +49,22 @@ def module_name(rel: str) -> str | None:
     return ".".join(parts) or None
 
 
-def absolute_module(spec: str, rel: str) -> str | None:
+def absolute_module(module: str, rel: str) -> str | None:
     """The dotted module an import in file `rel` names; None when it climbs above the root."""
-    level = len(spec) - len(spec.lstrip("."))
+    level = len(module) - len(module.lstrip("."))
     if not level:
-        return spec
+        return module
     package = (module_name(rel) or "").split(".")
     if not rel.endswith("__init__.py"):
         package.pop()
-    if level - 1 > len(package) or (level - 1 == len(package) and not spec[level:]):
+    if level - 1 > len(package) or (level - 1 == len(package) and not module[level:]):
         return None
     base = package[:len(package) - (level - 1)]
-    return ".".join(base + ([spec[level:]] if spec[level:] else [])) or None
+    return ".".join(base + ([module[level:]] if module[level:] else [])) or None
 
 
 class FileResolver:
-    """Resolves the calls of one file against an index (`ProjectNames`), collecting the keys
+    """Resolves the calls of one file against an `Atlas`, collecting the keys
     of everything it looked at in other files."""
 
     def __init__(self, names, rel: str):
@@ -110,23 +115,21 @@ class FileResolver:
         info = self.info if own else self.names.info(mrel)
         if name in info.defs:
             return ("sym", f"{mrel}::{name}")
-        spec = info.imports.get(name)
-        if spec is not None:
-            return self._follow(mrel, spec, hops + 1)
+        imported = info.imports.get(name)
+        if imported is not None:
+            return self._follow(imported, hops + 1)
         if not own:
             self.deps.add(("stars", mrel))
         if hops < _MAX_HOPS:
-            for star in info.stars:
-                dotted = absolute_module(star, mrel)
-                source = dotted and self._module_file(dotted)
+            for dotted in info.stars:
+                source = self._module_file(dotted)
                 meaning = source and self._binding(source, name, hops + 1)
                 if meaning:
                     return meaning
         return None
 
-    def _follow(self, mrel: str, spec: list, hops: int):
-        module, attr = spec
-        dotted = absolute_module(module, mrel)
+    def _follow(self, imported: tuple, hops: int):
+        dotted, attr = imported
         if dotted is None:
             return EXTERNAL
         if attr is None:
