@@ -75,7 +75,7 @@ def scripted_session(root):
     print("   report.py: call a helper that does not exist")
     show(s.edit("report.py", None, None,
                 "    return f\"<style>{REPORT_STYLE}</style>\" + \"\".join(pages) + format_total(warehouse)\n",
-                anchor="    return f\"<style>{REPORT_STYLE}</style>\""))
+                anchor="    return f\"<style>{REPORT_STYLE}</style>\" + \"\".join(pages) + f\"<p>{total_value(warehouse)}</p>\"\n"))
     print("   checksum.c: use an undeclared identifier")
     show(s.edit("checksum.c", 9, None, "        b = (b + a + carry) % 65521u;\n"))
 
@@ -106,6 +106,43 @@ def scripted_session(root):
     return results
 
 
+def agent_tools(root):
+    """Reading with a tag, a stale tag, a multi-block edit, kept CRLF line ends, and a delete
+    that is undone and redone."""
+    from editor_session.session import Session
+    s = Session.open(str(root))
+    results = {}
+    section("Read with a tag; an edit against a stale tag is refused")
+    results["read"] = s.read("models.py", 1, 4)
+    print(results["read"]["text"])
+    print(f"   tag {results['read']['tag']}")
+    path = root / "inventory" / "models.py"
+    path.write_text(path.read_text() + "# touched by someone else\n")
+    results["stale"] = show(s.edit("models.py", 1, None, "# models\n", tag=results["read"]["tag"]))
+
+    section("A multi-block edit: all blocks against the same text, one step")
+    fresh = s.read("models.py")["tag"]
+    results["blocks"] = show(s.edit("models.py", blocks=[
+        {"start_line": 1, "mode": "insert_before", "content": "# Inventory models.\n"},
+        {"anchor": "# touched by someone else\n", "content": "# reviewed\n"}], tag=fresh))
+
+    section("A CRLF file keeps its line ends")
+    bat = root / "tools" / "build.bat"
+    bat.write_bytes(b"@echo off\r\nset MODE=debug\r\ncall make %MODE%\r\n")
+    results["crlf"] = show(s.edit("tools/build.bat", 2, None, "set MODE=release\n"))
+    results["crlf_bytes"] = bat.read_bytes()
+    print(f"   bytes now: {results['crlf_bytes']!r}")
+
+    section("A delete is a step: rolled back, then redone")
+    results["delete"] = show(s.delete("tools/build.bat"))
+    results["undelete"] = show(s.rollback(1))
+    print(f"   bytes back: {bat.read_bytes()!r}")
+    results["redo"] = show(s.redo(1))
+    print(f"   exists after the redo: {bat.exists()}")
+    s.close()
+    return results
+
+
 def main():
     with tempfile.TemporaryDirectory(prefix="editor-demo-") as scratch:
         # The ledger lives in the project's state directory: keep it inside the scratch space.
@@ -113,6 +150,7 @@ def main():
         root = copy_sample(scratch)
         print(f"A copy of the sample project: {root}")
         scripted_session(root)
+        agent_tools(root)
 
 
 if __name__ == "__main__":

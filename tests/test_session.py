@@ -45,7 +45,8 @@ def test_demo_session(tmp_path, capsys):
                              f"checksum.c: c error: {r['findings'][1].split('c error: ')[1]}"]
     assert "carry" in r["findings"][1] and r["findings"][1].endswith("(line 9)")
     assert [line for line in r["diff"].splitlines() if line.startswith("+++")] == [
-        "+++ b/discounts.py", "+++ b/models.py", "+++ b/report.py", "+++ b/checksum.c"]
+        "+++ b/inventory/discounts.py", "+++ b/inventory/models.py", "+++ b/inventory/report.py",
+        "+++ b/src/checksum.c"]
     assert [(s["n"], bool(s.get("rolled_back"))) for s in r["session"].ledger()["entries"]] == [
         (1, False), (2, False), (3, True), (4, False), (5, True), (6, True)]
     assert r["rollback"]["restored"] == ["src/checksum.c", "inventory/report.py"]

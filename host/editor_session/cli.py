@@ -31,7 +31,13 @@ def _parser() -> argparse.ArgumentParser:
     parser.add_argument("--busy-timeout", type=float, default=DEFAULT_BUSY_TIMEOUT, metavar="SECONDS",
                         help="how long to wait for another call on the same project (default %(default)s)")
     parser.add_argument("--debug", action="store_true", help="show tracebacks of internal errors")
+    parser.add_argument("--keep-line-ends", choices=("yes", "no"), default="yes",
+                        help="keep each file's CRLF/CR line ends and BOM across writes (default yes)")
     tools = parser.add_subparsers(dest="tool", required=True)
+    read = tools.add_parser("read", help="numbered lines of a file, its line count and its tag")
+    read.add_argument("path")
+    read.add_argument("--start", type=int, default=1)
+    read.add_argument("--end", type=int)
     edit = tools.add_parser("edit", help="put a block into a file (content from --content or stdin)")
     edit.add_argument("path")
     edit.add_argument("--start", type=int)
@@ -39,30 +45,47 @@ def _parser() -> argparse.ArgumentParser:
     edit.add_argument("--mode", default="replace")
     edit.add_argument("--anchor")
     edit.add_argument("--content")
+    edit.add_argument("--tag", help="the tag from read: refuse the edit if the file changed since")
+    edit.add_argument("--blocks", metavar="FILE",
+                      help="a JSON list of blocks ({start_line, end_line | anchor, mode, content}); - for stdin")
+    edit.add_argument("--dry-run", action="store_true", help="show the diff and syntax verdict, write nothing")
     create = tools.add_parser("create", help="create a file (content from --content or stdin)")
     create.add_argument("path")
     create.add_argument("--content")
-    tools.add_parser("delete", help="delete a file or directory (not undoable)").add_argument("path")
+    tools.add_parser("delete", help="delete a file or directory (one step: rollback puts it back)").add_argument("path")
     tools.add_parser("rollback", help="undo the newest STEPS writes").add_argument("steps", type=int)
+    tools.add_parser("redo", help="re-apply the STEPS steps the last rollbacks undid").add_argument("steps", type=int)
     tools.add_parser("check", help="compiler and pyflakes errors the session introduced")
-    tools.add_parser("diff", help="unified diff of the session's changes")
+    tools.add_parser("diff", help="unified diff of the session's changes").add_argument(
+        "--patch", action="store_true", help="a patch git apply accepts (a/REL, b/REL, /dev/null)")
     tools.add_parser("ledger", help="the ledger's steps")
     tools.add_parser("status", help="steps, touched files and anything recovered")
     tools.add_parser("reset", help="forget the session (files stay as they are)")
     return parser
 
 
+def _blocks(args: argparse.Namespace) -> list | None:
+    if getattr(args, "blocks", None) is None:
+        return None
+    text = sys.stdin.read() if args.blocks == "-" else open(args.blocks, encoding="utf-8").read()
+    return json.loads(text)
+
+
 def _call(session: Session, args: argparse.Namespace) -> dict:
-    content: str = getattr(args, "content", None) or ""
-    if getattr(args, "content", None) is None and args.tool in ("edit", "create"):
+    content = getattr(args, "content", None)
+    blocks = _blocks(args)
+    if content is None and (args.tool == "create" or args.tool == "edit" and blocks is None):
         content = sys.stdin.read()
     calls: dict[str, Callable[[], dict]] = {
-        "edit": lambda: session.edit(args.path, args.start, args.end, content, args.mode, args.anchor),
+        "read": lambda: session.read(args.path, args.start, args.end),
+        "edit": lambda: session.edit(args.path, args.start, args.end, content or "", args.mode, args.anchor,
+                                     args.tag, blocks, args.dry_run),
         "create": lambda: session.create(args.path, content),
         "delete": lambda: session.delete(args.path),
         "rollback": lambda: session.rollback(args.steps),
+        "redo": lambda: session.redo(args.steps),
         "check": session.check,
-        "diff": session.diff,
+        "diff": lambda: session.diff("patch" if args.patch else "unified"),
         "ledger": session.ledger,
         "status": session.status,
         "reset": session.reset,
@@ -77,14 +100,31 @@ def _reports_problem(result: dict) -> bool:
 
 def _lines(tool: str, result: dict) -> list[str]:
     """The result as a person reads it."""
+    if tool == "read":
+        return [result["text"]] + [f"({result['line_count']} lines, tag {result['tag']})"] + (
+            [result["note"]] if "note" in result else [])
+    if tool == "edit" and result.get("dry_run"):
+        return [result["diff"] or "no change", f"syntax: {result.get('syntax')}"]
+    if tool == "edit" and "blocks" in result:
+        lines = [f"step {result['step']}: edit {result['file']}, {len(result['blocks'])} block(s)"]
+        for block in result["blocks"]:
+            lines.append(f" block {block['block']} at line {block['at']}")
+            lines += [f"  - {line}" for line in block["replaced"]]
+        return lines + [f"syntax: {result.get('syntax')}", f"tag: {result.get('tag')}"]
     if tool in ("edit", "create"):
         where = f" at line {result['at']}" if "at" in result else ""
         lines = [f"step {result['step']}: {tool} {result['file']}{where}"]
         lines += [f"  - {line}" for line in result.get("replaced", [])]
         lines.append(f"syntax: {result.get('syntax')}")
+        lines += [f"already broken before this edit: {result['syntax_before']}"] if "syntax_before" in result else []
+        lines += [f"tag: {result['tag']}"] if "tag" in result else []
         for kind, items in (result.get("static_diff") or {}).items():
             lines += [f"{kind}: {item}" for item in items]
         return lines
+    if tool == "redo":
+        return [f"step {step['step']}: {step['tool']} {step['file']} again" for step in result["redone"]]
+    if tool == "delete":
+        return [f"step {result['step']}: deleted {result['deleted']} ({result['was']})"]
     if tool == "rollback":
         return [f"restored {item}" for item in result["restored"]]
     if tool == "check":
@@ -116,6 +156,9 @@ def _print(args: argparse.Namespace, result: dict) -> None:
         print(f"editor-session: {result['error']}", file=sys.stderr)
         if "candidates" in result:
             print("candidates: " + ", ".join(result["candidates"]), file=sys.stderr)
+        for key in ("lines", "tag"):
+            if key in result:
+                print(f"{key}: {result[key]}" if key == "tag" else result[key], file=sys.stderr)
         return
     for line in _lines(args.tool, result):
         print(line)
@@ -127,7 +170,8 @@ def main(argv: list[str] | None = None) -> int:
     args = _parser().parse_args(argv)
     result: dict[str, Any]
     try:
-        session = Session.open(args.root, allow_hard_links=args.allow_hard_links, busy_timeout=args.busy_timeout)
+        session = Session.open(args.root, allow_hard_links=args.allow_hard_links, busy_timeout=args.busy_timeout,
+                               keep_line_ends=args.keep_line_ends == "yes")
         try:
             result = _call(session, args)
         finally:

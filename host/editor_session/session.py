@@ -9,19 +9,25 @@ no step, and snapshot records and ledger entries stay one-to-one.
 
 from __future__ import annotations
 
+import json
 import os
 import sqlite3
+import time
 from typing import Any, Callable
 
 import editor
 import projstore
 
-from . import guards, journal, ledger
+from . import blocks as block_edits
+from . import guards, images, journal, ledger, lineends, patch, reading
 from .live_index import LiveIndex
 from .store import DEFAULT_BUSY_TIMEOUT, SessionError, Store, digest, remove_store
 
 Progress = Callable[[int, int, str], None]
 LIVE_RAW, GENERATION, LAST_RECOVERY = "live_raw", "generation", "last_recovery"
+LINE_ENDS = "line_ends"
+IMAGE = "image"
+REDO = "redo"
 
 
 def describe(exc: BaseException, rel: str) -> str:
@@ -37,8 +43,10 @@ def describe(exc: BaseException, rel: str) -> str:
 
 
 class Session:
-    def __init__(self, root: str, state_dir: Any, allow_hard_links: bool, busy_timeout: float):
+    def __init__(self, root: str, state_dir: Any, allow_hard_links: bool, busy_timeout: float,
+                 keep_line_ends: bool = True):
         self.root = root
+        self.keep_line_ends = keep_line_ends
         self.state_dir = state_dir
         self.allow_hard_links = allow_hard_links
         self.busy_timeout = busy_timeout
@@ -51,7 +59,7 @@ class Session:
 
     @classmethod
     def open(cls, root: str, *, allow_hard_links: bool = False,
-             busy_timeout: float = DEFAULT_BUSY_TIMEOUT) -> "Session":
+             busy_timeout: float = DEFAULT_BUSY_TIMEOUT, keep_line_ends: bool = True) -> "Session":
         """Opens (or starts) the session of the project at `root`; raises SessionError with a
         one-line message when its store cannot be used."""
         root = os.path.abspath(root)
@@ -61,7 +69,7 @@ class Session:
             state_dir = projstore.ensure_orvel_dir(root)
         except OSError as e:
             raise SessionError(f"the state directory of {root} cannot be created: {e}")
-        session = cls(root, state_dir, allow_hard_links, busy_timeout)
+        session = cls(root, state_dir, allow_hard_links, busy_timeout, keep_line_ends)
         try:
             with session.store.locked():
                 session._sync()
@@ -75,33 +83,43 @@ class Session:
 
     # --- the tools a model calls --------------------------------------------------------
 
-    def edit(self, path: str, start_line: int | None = None, end_line: int | None = None, content: str = "",
-             mode: str = "replace", anchor: str | None = None) -> dict:
-        """Puts one block into an existing file, by lines or by anchor."""
-        def operation(target: str) -> dict:
-            return editor.apply_block(self.root, target, start_line, end_line, content, mode, anchor)
-        return self._call(lambda: self._write("edit", path, operation, {"mode": mode, "anchor": anchor}))
+    def read(self, path: str, start: int = 1, end: int | None = None) -> dict:
+        """Lines `start`..`end` of a file with their numbers, its line count and its tag."""
+        return self._call(lambda: self._read(path, start, end))
 
+    def edit(self, path: str, start_line: int | None = None, end_line: int | None = None, content: str = "",
+             mode: str = "replace", anchor: str | None = None, tag: str | None = None,
+             blocks: list | None = None, dry_run: bool = False) -> dict:
+        """Puts one block (or every block of `blocks`, all or none) into an existing file, by
+        lines or by anchor; refused when `tag` is not the file's current tag. `dry_run` shows
+        the diff and the syntax verdict and writes nothing."""
+        one = {"start_line": start_line, "end_line": end_line, "content": content, "mode": mode, "anchor": anchor}
+        return self._call(lambda: self._edit(path, one, tag, blocks, dry_run))
     def create(self, path: str, content: str) -> dict:
         """Creates a new file (and its parent directories)."""
         return self._call(lambda: self._write("create", path, lambda target: editor.create_file(
             self.root, target, content), {}, post=content))
 
     def delete(self, path: str) -> dict:
-        """Deletes a file or directory. Not undoable: no snapshot and no ledger step."""
+        """Deletes a file or directory as one step: rollback puts back every byte of it."""
         return self._call(lambda: self._delete(path))
 
     def rollback(self, steps: int) -> dict:
         """Undoes the newest `steps` writes and installs the index as it was before them."""
         return self._call(lambda: self._rollback(steps))
 
+    def redo(self, steps: int) -> dict:
+        """Re-applies the newest `steps` undone steps while their files are as the rollback left
+        them; each comes back as a new step."""
+        return self._call(lambda: self._redo(steps))
+
     def check(self, progress: Progress | None = None) -> dict:
         """Edit-introduced compiler and pyflakes errors over every file this session touched."""
         return self._call(lambda: self._check(progress))
 
-    def diff(self) -> dict:
-        """One unified diff of everything this session changed."""
-        return self._call(self._diff)
+    def diff(self, form: str = "unified") -> dict:
+        """One diff of everything this session changed: "unified", or "patch" for `git apply`."""
+        return self._call(lambda: self._diff(form))
 
     def ledger(self) -> dict:
         return self._call(lambda: {"entries": editor.ledger_load(self.root)})
@@ -240,6 +258,53 @@ class Session:
             self._notes.append(note)
         return steps
 
+    def _text_file(self, path: str) -> tuple[str, str, bytes] | dict:
+        """(absolute path, relative path, bytes) of an existing text file, or a refusal."""
+        assert self._live is not None
+        target = editor.resolve_target(self.root, path, self._live.known_paths())
+        if isinstance(target, dict):
+            return patch.relative(target, self.root)
+        rel = self._rel(target)
+        problem = guards.file_problem(self.root, target, self.allow_hard_links)
+        if problem is not None:
+            return {"error": problem}
+        data = reading.load(target, rel)
+        return data if isinstance(data, dict) else (target, rel, data)
+
+    def _read(self, path: str, start: int, end: int | None) -> dict:
+        found = self._text_file(path)
+        if isinstance(found, dict):
+            return found
+        _, rel, data = found
+        return {"file": rel, **reading.read(data, start, end)}
+
+    def _edit(self, path: str, one: dict, tag: str | None, blocks: list | None, dry_run: bool) -> dict:
+        if tag is not None and (problem := reading.tag_form_error(tag)) is not None:
+            return problem
+        found = self._text_file(path)
+        if isinstance(found, dict):
+            return found
+        target, rel, data = found
+        specs = [one] if blocks is None else blocks
+        if tag is not None and tag != reading.tag_of(data):
+            addressed = block_edits.addressed(data, specs if isinstance(specs, list) else [])
+            return reading.stale_refusal(rel, data, tag, addressed)
+        if dry_run:
+            return {"file": rel, **block_edits.edit_blocks(self.root, target, rel, data, specs, dry_run=True)}
+
+        ends = lineends.profile(data) if self.keep_line_ends else False
+
+        def operation(abs_path: str) -> dict:
+            if blocks is None:
+                receipt = block_edits.edit_one(self.root, abs_path, data, one, ends=ends)
+            else:
+                receipt = block_edits.edit_blocks(self.root, abs_path, rel, data, blocks, ends=ends)
+            if ends and "error" not in receipt:
+                receipt[LINE_ENDS] = ends  # for the step, not for the model: _write takes it out
+            return patch.relative(receipt, self.root)
+        details = {"mode": one["mode"], "anchor": one["anchor"]} if blocks is None else {}
+        return self._write("edit", path, operation, details)
+
     def _write(self, tool: str, path: str, operation: Callable[[str], dict], details: dict,
                post: str | None = None) -> dict:
         live, store = self._live, self.store
@@ -277,13 +342,15 @@ class Session:
             receipt = {"syntax": describe(e, rel)}
         if "error" in receipt:
             return self._abandon(intent, receipt)
+        ends = receipt.pop(LINE_ENDS, None)
         changes = self._reindex(target, rel)
         entry = {"tool": tool, "file": rel, **{k: v for k, v in details.items() if v is not None},
-                 **{k: receipt[k] for k in ("at", "replaced") if k in receipt},
+                 **{k: receipt[k] for k in ("at", "replaced", "blocks") if k in receipt},
                  "syntax": receipt.get("syntax"), "static_diff": changes}
         n = editor.ledger_append(self.root, entry)
         with store.conn:
-            self._record_step(intent["step"], receipt, n)
+            self._record_step(intent["step"], {**receipt, **({LINE_ENDS: ends} if ends else {})}, n)
+            store.set_meta(REDO, None)
             self._commit()
             self._drop_journal(intent)
         if "created" in receipt:
@@ -328,6 +395,8 @@ class Session:
                 first_touch = None  # not text: nothing to diff against later
         with store.conn:
             text_hash = None if first_touch is None else store.put_blob(first_touch.encode("utf-8"))
+            image = images.capture(target, store.put_blob)  # what undoing the deletion puts back
+            raw_before = live.raw_id
             entry = (journal.file_entry(store, rel, pre, None) if is_file
                      else {"rel": rel, "pre": journal.DIRECTORY, "post": None})
             intent = {"kind": "delete", "files": [entry],
@@ -337,13 +406,22 @@ class Session:
             result = editor.delete_file(self.root, target)
         except Exception as e:
             result = {"error": describe(e, rel)}
+        deleted = "error" not in result
         with store.conn:
-            if "error" not in result and first_touch is not None:
+            if deleted and first_touch is not None:
                 store.add_touched(rel, text_hash)
-            live.reindex([target])
+            before, after = live.reindex([target])
+            if deleted:
+                result = {"deleted": rel, "was": result["was"]}
+                changes = editor.static_diff(before, after)
+                n = editor.ledger_append(self.root, {"tool": "delete", "file": rel, "was": result["was"],
+                                                     "static_diff": changes})
+                store.add_step("delete", rel, time.time(), None, raw_before, n, {**result, IMAGE: image})
+                store.set_meta(REDO, None)
+                result = {**result, "static_diff": changes, "step": n}
             self._commit()
             self._drop_journal(intent)
-        return result
+        return patch.relative(result, self.root)
 
     # --- rollback ----------------------------------------------------------------------
 
@@ -361,21 +439,33 @@ class Session:
         if problem is not None:
             return {"error": problem}
         ledger_steps = self._prepare_ledger()
-        records = [{"ts": row["ts"], "path": os.path.join(self.root, row["rel"]),
+        records = [{"ts": row["ts"], "path": None if row["tool"] == "delete" else os.path.join(self.root, row["rel"]),
                     "text_before": None if row["text_hash"] is None else store.get_blob(row["text_hash"]).decode(),
                     "raw": row["raw_id"]} for row in reversed(rows)]
         final: dict[str, str | None] = {}
-        for record in records:  # oldest first: the first record of a path is what it ends as
-            text = record["text_before"]
-            final.setdefault(record["path"], None if text is None else digest(text.encode()).hex())
+        exact: dict[str, bytes] = {}  # the bytes a restored file ends as, line ends included
+        for record, row in zip(records, reversed(rows)):  # oldest first: a path ends as its first record
+            text, path = record["text_before"], os.path.join(self.root, row["rel"])
+            if path in final:
+                continue
+            if row["tool"] == "delete":
+                image = json.loads(row["receipt"])[IMAGE]
+                # A tree put back is left out of the write-ahead mark: recovery restores files only.
+                final[path] = image["blob"] if image and image["kind"] == "file" else journal.UNKNOWN
+                continue
+            if text is not None:
+                exact[path] = lineends.encoded(text, json.loads(row["receipt"]).get(LINE_ENDS))
+            final[path] = None if text is None else digest(exact[path]).hex()
         with store.conn:
             intent = {"kind": "rollback", "steps": [row["id"] for row in rows],
                       "unflagged": ledger.unflagged(ledger_steps),
                       "files": [journal.file_entry(store, self._rel(p), journal.read_bytes(p), final[p])
-                                for p in paths]}
+                                for p in paths if final[p] != journal.UNKNOWN]}
             store.set_meta(journal.PENDING, intent)
         try:
-            result = editor.rollback_steps(records, steps)
+            result = self._undo(rows, records)
+            if "error" not in result:
+                journal.restore_exact(exact)
         except Exception as e:
             failing = records[-1]["path"] if records else rows[-1]["rel"]
             result = {"error": describe(e, self._rel(failing))}
@@ -400,6 +490,84 @@ class Session:
                          f"consumed and marked rolled back in the ledger ({', '.join(map(str, undone)) or 'none'})",
                 "consumed": len(popped),
                 "restored": [row["rel"] for row in popped[:-1]]}
+
+    def _undo(self, rows: list, records: list[dict]) -> dict:
+        """Undoes `rows` (newest first) one at a time through the module's rollback, which pops
+        their `records`; a deletion's record touches no file, and its image is put back here,
+        in turn, so that older steps inside a deleted tree find their folders again. Each undone
+        step goes on the redo stack with the images of its path after and before it."""
+        restored: list[str] = []
+        result: dict = {}
+        undone = []
+        for row in rows:
+            path = os.path.join(self.root, row["rel"])
+            with self.store.conn:  # each store write commits, so a call killed later holds no lock
+                after = images.capture(path, self.store.put_blob)
+            result = editor.rollback_steps(records, 1)
+            if "error" in result:
+                break
+            receipt = json.loads(row["receipt"])
+            if row["tool"] == "delete":
+                images.restore(path, receipt[IMAGE], self.store.get_blob)
+                result["restored"] = [path]
+            elif row["text_hash"] is not None and receipt.get(LINE_ENDS):
+                text = self.store.get_blob(row["text_hash"]).decode()
+                journal.restore_exact({path: lineends.encoded(text, receipt[LINE_ENDS])})
+            with self.store.conn:
+                undone.append({"id": row["id"], "before": images.capture(path, self.store.put_blob), "after": after})
+            restored += result["restored"]
+        with self.store.conn:
+            self.store.set_meta(REDO, self.store.get_meta(REDO, []) + undone)
+        if "error" in result:
+            return result
+        return {"restored": restored, "raw": result.get("raw")}
+
+    def _redo(self, steps: int) -> dict:
+        live, store = self._live, self.store
+        assert live is not None
+        stack = store.get_meta(REDO, [])
+        if isinstance(steps, bool) or not isinstance(steps, int) or not 1 <= steps <= len(stack):
+            return {"error": f"cannot redo {steps!r} step(s): {len(stack)} undone step(s) can be redone -- "
+                             "a redo follows a rollback, until the next write"}
+        entries = stack[::-1][:steps]  # the last undone first: steps come back in their own order
+        rows = [store.step(entry["id"]) for entry in entries]
+        expected: dict[str, Any] = {}
+        for entry, row in zip(entries, rows):
+            path = os.path.join(self.root, row["rel"])
+            now = expected[path] if path in expected else images.capture(path, digest)
+            if now != entry["before"]:
+                return {"error": f"redo refused, nothing was changed: {row['rel']} is no longer as the rollback "
+                                 "left it -- read it and edit it instead"}
+            expected[path] = entry["after"]
+        paths = list(dict.fromkeys(os.path.join(self.root, row["rel"]) for row in rows))
+        with store.conn:
+            intent = {"kind": "redo", "files": [journal.file_entry(store, self._rel(p), journal.read_bytes(p), journal.UNKNOWN)
+                                                for p in paths if not os.path.isdir(p)]}
+            store.set_meta(journal.PENDING, intent)
+        redone = []
+        with store.conn:  # the steps and the stack in one transaction; a kill leaves the mark to recovery
+            for entry, row in zip(entries, rows):
+                path, rel = os.path.join(self.root, row["rel"]), row["rel"]
+                raw_before = live.save(store)
+                snapshot = None if row["tool"] == "delete" else editor.take_snapshot(live.raw, path)
+                if row["tool"] == "delete":
+                    editor.delete_file(self.root, path)
+                else:
+                    images.remove(path)
+                    images.restore(path, entry["after"], store.get_blob)
+                before, after = live.reindex([path])
+                changes = editor.static_diff(before, after)
+                n = editor.ledger_append(self.root, {"tool": row["tool"], "file": rel, "redo_of": row["ledger_n"],
+                                                     "static_diff": changes})
+                text = None if snapshot is None else snapshot["text_before"]
+                text_hash = None if text is None else store.put_blob(text.encode("utf-8"))
+                store.add_step(row["tool"], rel, time.time(), text_hash, raw_before, n,
+                               {**json.loads(row["receipt"]), "redo_of": row["ledger_n"]})
+                redone.append({"step": n, "tool": row["tool"], "file": rel, "static_diff": changes})
+            store.set_meta(REDO, stack[:-steps] or None)
+            self._commit()
+            self._drop_journal(intent)
+        return {"redone": redone}
 
     def _restored_name(self, item: str) -> str:
         suffix = " (deleted)"
@@ -436,7 +604,9 @@ class Session:
             self._abandon(intent, {})
         return {"findings": findings, **({"skipped": skipped} if skipped else {})}
 
-    def _diff(self) -> dict:
+    def _diff(self, form: str) -> dict:
+        if form not in patch.FORMS:
+            return {"error": f"unknown diff form {form!r} ({' | '.join(patch.FORMS)})"}
         kept, skipped = guards.split_checkable(self.root, self._touched_texts(), True, confine=False)
         readable = {}
         for path, text in kept.items():
@@ -448,7 +618,7 @@ class Session:
                     skipped.append(describe(e, self._rel(path)))
                     continue
             readable[path] = text
-        return {"diff": editor.session_diff(readable), **({"skipped": skipped} if skipped else {})}
+        return {"diff": patch.FORMS[form](self.root, readable), **({"skipped": skipped} if skipped else {})}
 
     def _status(self) -> dict:
         steps = [{"step": n, "tool": tool, "file": rel, **({"rolled_back": True} if gone else {})}

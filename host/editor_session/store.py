@@ -172,11 +172,22 @@ class Store:
         return zlib.decompress(row[0])
 
     def drop_unreferenced_blobs(self, keys: list[bytes]) -> None:
-        """Forgets journal-only blobs (texts a finished call no longer needs)."""
+        """Forgets journal-only blobs (texts a finished call no longer needs). Images of deleted
+        files (in step receipts) and of undone steps (the redo stack in meta) name their blobs
+        by hex key."""
         for key in keys:
             self.conn.execute("DELETE FROM blobs WHERE hash=? AND NOT EXISTS (SELECT 1 FROM steps WHERE "
-                              "text_hash=?) AND NOT EXISTS (SELECT 1 FROM touched WHERE text_hash=?)",
-                              (key, key, key))
+                              "text_hash=?) AND NOT EXISTS (SELECT 1 FROM touched WHERE text_hash=?) "
+                              "AND NOT EXISTS (SELECT 1 FROM steps WHERE instr(receipt, ?) > 0) "
+                              "AND NOT EXISTS (SELECT 1 FROM meta WHERE instr(value, ?) > 0)",
+                              (key, key, key, key.hex(), key.hex()))
+
+    def step(self, step_id: int) -> sqlite3.Row:
+        self.conn.row_factory = sqlite3.Row
+        try:
+            return self.conn.execute("SELECT * FROM steps WHERE id=?", (step_id,)).fetchone()
+        finally:
+            self.conn.row_factory = None
 
     # --- index records and raw manifests ---------------------------------------------
 

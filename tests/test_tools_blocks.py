@@ -1,0 +1,89 @@
+"""Multi-block edits: the same result as the module's edits bottom-up, all or nothing, one check."""
+
+import pytest
+from hypothesis import given, settings, strategies as st
+
+import editor
+from editor_session import blocks
+from helpers import tree_digest
+
+MODES = ["replace", "insert_before", "insert_after"]
+line_text = st.text("ab\x0c", max_size=3)
+
+
+@st.composite
+def edits(draw):
+    lines = [t + e for t, e in draw(st.lists(st.tuples(line_text, st.sampled_from(["\n", "\r\n", "\x0c"])),
+                                             max_size=8))]
+    if lines and draw(st.booleans()):
+        lines[-1] = lines[-1].rstrip("\r\n\x0c") or "z"
+    n, specs, taken = len(lines), [], set()
+    for _ in range(draw(st.integers(1, 4))):
+        mode = draw(st.sampled_from(MODES if n else ["insert_before"]))
+        start = draw(st.integers(1, n + 1 if mode == "insert_before" else n))
+        end = draw(st.integers(start, n)) if mode == "replace" else start
+        reach = blocks.Block(0, mode, start, end, "").reach()
+        if any(reach[0] <= hi and lo <= reach[1] for lo, hi in taken):
+            continue
+        taken.add(reach)
+        specs.append({"start_line": start, "end_line": end, "mode": mode,
+                      "content": draw(st.text("xy\n", max_size=4))})
+    return "".join(lines), specs
+
+
+@settings(max_examples=150, deadline=None)
+@given(edits())
+def test_blocks_give_what_the_module_gives_one_by_one_bottom_up(tmp_path_factory, edit):
+    text, specs = edit
+    folder = tmp_path_factory.mktemp("b")
+    one, many = folder / "one.txt", folder / "many.txt"
+    for path in (one, many):
+        path.write_bytes(text.encode())
+    for spec in sorted(specs, key=lambda s: blocks.Block(0, s["mode"], s["start_line"], s["end_line"], "").reach(),
+                       reverse=True):
+        assert "error" not in editor.apply_block(str(folder), str(one), spec["start_line"], spec["end_line"],
+                                                 spec["content"], spec["mode"])
+    result = blocks.edit_blocks(str(folder), str(many), "many.txt", text.encode(), specs, ends=False)
+    assert [r["block"] for r in result["blocks"]] == list(range(1, len(specs) + 1))
+    assert many.read_bytes() == one.read_bytes()
+
+
+@pytest.mark.parametrize("specs, message", [
+    ([], "blocks is empty"),
+    ("nope", "blocks is empty"),
+    ([{"start_line": 1, "content": "x"}] * 101, "101 blocks are too many"),
+    ([{"start_line": 1, "end_line": 3}, {"start_line": 2, "mode": "insert_after"}], "overlap"),
+    ([{"start_line": 2, "mode": "insert_before"}, {"start_line": 1, "mode": "insert_after"}],
+     "block 1 (insert_before line 2) and block 2 (insert_after line 1) overlap"),
+    ([{"start_line": 1}, {"anchor": "nowhere"}], "block 2: anchor not found"),
+    ([{"start_line": 1}, {"anchor": "ine"}], "block 2: anchor occurs 3 times"),
+    ([{"start_line": 1, "mode": "Replace"}], "block 1: unknown mode"),
+    ([{"start_line": 4}], "block 1: start_line 4 is out of range"),
+])
+def test_refusals_name_the_blocks_and_write_nothing(tmp_path, specs, message):
+    path = tmp_path / "f.py"
+    path.write_bytes(b"line 1\r\nline 2\r\nline 3\r\n")
+    before = tree_digest(tmp_path)
+    result = blocks.edit_blocks(str(tmp_path), str(path), "f.py", path.read_bytes(), specs)
+    assert message in result["error"]
+    assert tree_digest(tmp_path) == before
+
+
+def test_a_dry_run_shows_the_diff_and_verdict_and_writes_nothing(tmp_path):
+    path = tmp_path / "m.py"
+    path.write_text("a = 1\nb = 2\n")
+    before = tree_digest(tmp_path)
+    specs = [{"start_line": 1, "content": "a = (1"}, {"start_line": 2, "content": "b = 3"}]
+    result = blocks.edit_blocks(str(tmp_path), str(path), "src/m.py", path.read_bytes(), specs, dry_run=True)
+    assert result["syntax"].startswith("SyntaxError: ") and "--- a/src/m.py\n+++ b/src/m.py" in result["diff"]
+    assert "+b = 3" in result["diff"] and tree_digest(tmp_path) == before
+
+
+def test_fifty_blocks_take_one_syntax_check(tmp_path, checker):
+    path = tmp_path / "f.py"
+    path.write_text("".join(f"x{i} = {i}\n" for i in range(200)))
+    specs = [{"start_line": 4 * k + 1, "content": f"y{k} = {k}"} for k in range(50)]
+    result = blocks.edit_blocks(str(tmp_path), str(path), "f.py", path.read_bytes(), specs)
+    assert len(result["blocks"]) == 50 and len(checker) == 1
+    assert checker[0][1]["before_text"].startswith("x0 = 0\n")
+    assert path.read_text().splitlines()[4] == "y1 = 1"

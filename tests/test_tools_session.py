@@ -1,0 +1,127 @@
+"""The tools wired into the session: tags, blocks, kept line ends through rollback, read, diff."""
+
+import pytest
+from helpers import tree_digest
+
+import editor
+from editor_session.session import Session
+
+
+@pytest.fixture(autouse=True)
+def state_home(tmp_path, monkeypatch):
+    monkeypatch.setenv("EDITOR_STATE_HOME", str(tmp_path / "state"))
+
+
+@pytest.fixture
+def proj(project):
+    (project / "m.py").write_bytes(b"a = 1\r\nb = 2\r\nc = 3\r\n")
+    (project / "src").mkdir()
+    (project / "src" / "n.py").write_text("x = 1\n")
+    return project
+
+
+@pytest.mark.parametrize("call", [
+    lambda s: s.edit("m.py", 2, None, "b = 9\n", tag="0" * 12),
+    lambda s: s.edit("m.py", 2, None, "b = 9\n", tag="stale"),
+    lambda s: s.edit("m.py", None, None, "X\n", anchor="= 2"),
+    lambda s: s.edit("m.py", blocks=[{"start_line": 1}, {"start_line": 1, "end_line": 2}]),
+    lambda s: s.edit("m.py", blocks=[{"start_line": 1, "content": "A = (1"}], dry_run=True),
+    lambda s: s.edit("src", 1, None, "x\n"),
+    lambda s: s.read("src"),
+])
+def test_refusals_and_dry_runs_write_nothing(proj, call):
+    s = Session.open(str(proj))
+    before = tree_digest(proj)
+    result = call(s)
+    assert ("error" in result) != bool(result.get("dry_run"))
+    assert tree_digest(proj) == before and s.status()["depth"] == 0
+
+
+def test_a_stale_tag_is_refused_with_the_current_lines_and_a_fresh_one_passes(proj):
+    s = Session.open(str(proj))
+    tag = s.read("m.py")["tag"]
+    (proj / "m.py").write_bytes(b"a = 1\r\nB = 2\r\nc = 3\r\n")
+    refusal = s.edit("m.py", 2, None, "b = 9\n", tag=tag)
+    assert refusal["lines"] == "2\tB = 2" and refusal["tag"] != tag
+    receipt = s.edit("m.py", 2, None, "b = 9\n", tag=refusal["tag"])
+    assert receipt["replaced"] == ["B = 2"] and receipt["tag"] == s.read("m.py")["tag"]
+
+
+@pytest.mark.parametrize("keep, after_edit", [
+    (True, b"a = 1\r\nb = 9\r\nc = 3\r\n"),
+    (False, b"a = 1\nb = 9\nc = 3\n"),
+])
+def test_line_ends_are_kept_through_edit_and_rollback(proj, keep, after_edit):
+    s = Session.open(str(proj), keep_line_ends=keep)
+    s.edit("m.py", 2, None, "b = 9\n")
+    assert (proj / "m.py").read_bytes() == after_edit
+    s.rollback(1)
+    assert (proj / "m.py").read_bytes() == (b"a = 1\r\nb = 2\r\nc = 3\r\n" if keep else b"a = 1\nb = 2\nc = 3\n")
+
+
+def test_a_multi_block_edit_is_one_step_undone_at_once(proj):
+    s = Session.open(str(proj))
+    result = s.edit("m.py", blocks=[{"start_line": 1, "content": "A = 1"}, {"anchor": "c = 3", "content": "C = 3"}])
+    assert [b["at"] for b in result["blocks"]] == [1, 3] and result["syntax"] == "ok"
+    assert (proj / "m.py").read_bytes() == b"A = 1\r\nb = 2\r\nC = 3\r\n"
+    assert len(editor.ledger_load(str(proj))) == 1 and s.status()["depth"] == 1
+    s.rollback(1)
+    assert (proj / "m.py").read_bytes() == b"a = 1\r\nb = 2\r\nc = 3\r\n"
+
+
+def test_diffs_name_files_by_their_project_paths(proj):
+    s = Session.open(str(proj))
+    s.edit("src/n.py", 1, None, "x = 2\n")
+    assert s.diff()["diff"].startswith("--- a/src/n.py\n+++ b/src/n.py\n")
+    assert s.diff("patch")["diff"].startswith("--- a/src/n.py\n+++ b/src/n.py\n")
+    assert "error" in s.diff("git")
+
+
+def tree_bytes(root):
+    return {str(p.relative_to(root)): p.read_bytes() if p.is_file() else None
+            for p in sorted(root.rglob("*")) if ".git" not in p.parts}
+
+
+@pytest.mark.parametrize("target, was", [("m.py", "file"), ("src", "directory")])
+def test_a_delete_is_one_step_and_its_rollback_puts_every_byte_back(proj, target, was):
+    s = Session.open(str(proj))
+    before = tree_bytes(proj)
+    s.edit("src/n.py", 1, None, "x = 2\n")
+    result = s.delete(target)
+    assert result["was"] == was and result["deleted"] == target and result["step"] == 2
+    assert not (proj / target).exists() and s.status()["depth"] == 2
+    entries = editor.ledger_load(str(proj))
+    assert [e["tool"] for e in entries] == ["edit", "delete"]
+    s.rollback(2)
+    assert tree_bytes(proj) == before
+    assert all(e.get("rolled_back") for e in editor.ledger_load(str(proj)))
+
+
+def test_redo_reapplies_undone_steps_in_order_until_the_files_change(proj):
+    s = Session.open(str(proj))
+    s.edit("m.py", 1, None, "A = 1\n")
+    s.delete("src")
+    done = tree_bytes(proj)
+    s.rollback(2)
+    assert "2 undone step(s)" in s.redo(3)["error"]
+    assert [r["tool"] for r in s.redo(2)["redone"]] == ["edit", "delete"]
+    assert tree_bytes(proj) == done and s.status()["depth"] == 2
+    assert [e.get("redo_of") for e in editor.ledger_load(str(proj))] == [None, None, 1, 2]
+    s.rollback(1)
+    (proj / "src" / "n.py").write_text("changed\n")
+    before = tree_bytes(proj)
+    assert "no longer as the rollback left it" in s.redo(1)["error"] and tree_bytes(proj) == before
+    s.edit("m.py", 2, None, "b = 0\n")
+    assert "0 undone step(s)" in s.redo(1)["error"]
+
+
+def test_the_demo_shows_the_agent_tools(tmp_path):
+    import sys
+    from pathlib import Path
+    sys.path.insert(0, str(Path(__file__).resolve().parent.parent / "demo"))
+    import run as demo
+    root = demo.copy_sample(tmp_path)
+    r = demo.agent_tools(root)
+    assert "changed since tag" in r["stale"]["error"] and r["stale"]["tag"] != r["read"]["tag"]
+    assert len(r["blocks"]["blocks"]) == 2 and r["crlf_bytes"].count(b"\r\n") == 3
+    assert r["undelete"]["restored"] == ["tools/build.bat"] and r["redo"]["redone"][0]["tool"] == "delete"
