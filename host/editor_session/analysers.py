@@ -4,7 +4,8 @@ The gate picks each file's analyser through `editor._semantic_errfn`, looked up 
 While a check runs that name points at `_gate_errfn`, which answers for the threads that carry a
 file of the check and passes every other call through unchanged. It gives C and C++ files the
 build's own flags from the compilation database, checks headers through a one-line translation
-unit that includes them, and makes every compile take its family's `SwapLock`.
+unit that includes them, runs javac on about one core, and makes every compile take its family's
+`SwapLock`.
 """
 
 import itertools
@@ -25,6 +26,10 @@ _original = None
 
 # Languages whose files can see each other's text, by the lock they share.
 _FAMILY = {"c": "c", "cpp": "c", "java": "java"}
+# Left to itself javac's virtual machine spreads its compiler and collector threads over every
+# core, so two javac runs side by side take as long as one after the other. These keep each run
+# near one core (and cheaper); a virtual machine that does not know them ignores them.
+JAVAC_ONE_CORE = ("-J-XX:+IgnoreUnrecognizedVMOptions", "-J-XX:+UseSerialGC", "-J-XX:TieredStopAtLevel=1")
 # A header is judged in the context the module gives a source in its place.
 _STAND_IN_SUFFIX = {"c": ".c", "cpp": ".cpp"}
 
@@ -92,6 +97,18 @@ class _FileRun:
         return run
 
 
+def _compiler(lang: str, cfg: dict, ctx, unit: str | None = None):
+    """The module's compile of a file in the given build context; of `unit` instead when set."""
+    exe = editor._find_exe(cfg["exe"])
+    if exe is None or ctx is None:
+        return None
+
+    def errfn(p):
+        return editor._compile_errors(exe, lang, cfg, unit or p, ctx)
+
+    return cfg["label"], errfn
+
+
 def _c_analyser(scope: Scope, abs_path: str, lang: str):
     header = is_header(abs_path, lang)
     entries = scope.entries
@@ -108,17 +125,19 @@ def _c_analyser(scope: Scope, abs_path: str, lang: str):
     else:
         cfg = editor._COMPILER_LANGS[lang]
         ctx = cfg["context"](str(Path(abs_path).with_suffix(_STAND_IN_SUFFIX[lang])))
-    exe = editor._find_exe(cfg["exe"])
-    if exe is None or ctx is None:
-        return None
-    target = scope.unit(abs_path, lang) if header else None
-    if header and target is None:
-        return None
+    if not header:
+        return _compiler(lang, cfg, ctx)
+    unit = scope.unit(abs_path, lang)
+    return _compiler(lang, cfg, ctx, unit) if unit else None
 
-    def errfn(p):
-        return editor._compile_errors(exe, lang, cfg, target or p, ctx)
 
-    return cfg["label"], errfn
+def _java_analyser(abs_path: str):
+    cfg = editor._COMPILER_LANGS["java"]
+    ctx = cfg["context"](abs_path)
+    if ctx is None:
+        return None
+    args, cwd = ctx
+    return _compiler("java", cfg, ([*JAVAC_ONE_CORE, *args], cwd))
 
 
 def _gate_errfn(abs_path, lang):
@@ -128,7 +147,7 @@ def _gate_errfn(abs_path, lang):
     if lang in _STAND_IN_SUFFIX:
         resolved = _c_analyser(run.scope, abs_path, lang)
     else:
-        resolved = _original(abs_path, lang)
+        resolved = _java_analyser(abs_path)
     if resolved is None:
         return None
     label, errfn = resolved

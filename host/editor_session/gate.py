@@ -25,6 +25,10 @@ DEEP_RECURSION_LIMIT = 200_000
 CANCELLED = "not checked: the check was cancelled"
 NOT_TEXT = "not checked: not UTF-8 text"
 
+# Slowest analysers first, so the long runs start at once and the short ones fill the gaps
+# (a JVM start costs more than a C++ front end, which costs more than cc or pyflakes).
+_START_ORDER = ("java", "cpp", "c")
+
 Progress = Callable[[int, int, str], object]
 
 _FINDING = re.compile(r"(?P<analyser>\S+) error: (?P<message>.*) \(line (?P<line>\d+)\)", re.S)
@@ -91,6 +95,11 @@ def _check_one(scope: analysers.Scope, abs_path: str, baseline: str | None, stop
     return _Outcome(findings=list(found))
 
 
+def _start_rank(abs_path: str) -> int:
+    lang = editor._native_language(Path(abs_path).suffix.lower())
+    return _START_ORDER.index(lang) if lang in _START_ORDER else len(_START_ORDER)
+
+
 def _in_order(touched: dict, created: Iterable[str]) -> dict[str, str | None]:
     """{path: text to judge it against}, in order of first touch; a created file is judged
     against nothing, so every error in it counts."""
@@ -116,7 +125,8 @@ def check(root: str, touched: dict, created: Iterable[str] = (), *, progress: Pr
         with analysers.installed(), ThreadPoolExecutor(workers or os.cpu_count() or 1) as pool:
             scope = analysers.Scope(root, scratch)
             try:
-                pending = {pool.submit(_check_one, scope, p, base, stopping): p for p, base in files.items()}
+                pending = {pool.submit(_check_one, scope, p, files[p], stopping): p
+                           for p in sorted(files, key=_start_rank)}
                 for done, future in enumerate(as_completed(pending), 1):
                     path = pending[future]
                     outcomes[path] = future.result()
