@@ -9,6 +9,9 @@ from editor_session.swap_lock import SwapLock
 from helpers import repository, write
 
 
+TIME_LIMIT = 180
+
+
 @pytest.fixture
 def project(tmp_path):
     return repository(tmp_path / "proj")
@@ -17,6 +20,25 @@ def project(tmp_path):
 def touch(root, files):
     """Writes {rel: (earlier text or None, current text)}; returns touched in that order."""
     return {str(write(root / rel, now)): before for rel, (before, now) in files.items()}
+
+
+def check(*args, **kwargs):
+    """gate.check on a thread of its own: a lock that never opens fails the test, not the run."""
+    outcome = {}
+
+    def run():
+        try:
+            outcome["result"] = gate.check(*args, **kwargs)
+        except BaseException as error:
+            outcome["error"] = error
+
+    worker = threading.Thread(target=run, daemon=True)
+    worker.start()
+    worker.join(TIME_LIMIT)
+    if "error" in outcome:
+        raise outcome["error"]
+    assert "result" in outcome, "the check did not finish in time"
+    return outcome["result"]
 
 
 def bytes_of(paths):
@@ -34,7 +56,7 @@ def bytes_of(paths):
 ])
 def test_created_files_count_every_error(project, rel, text, expected):
     touched = touch(project, {rel: (None, text)})
-    result = gate.check(str(project), touched, set(touched))
+    result = check(str(project), touched, set(touched))
     assert result["structured"] == [{"path": rel, **expected}]
     assert result["findings"][0].startswith(rel.rsplit("/", 1)[-1] + ": ")
 
@@ -48,7 +70,7 @@ def test_compile_commands_gives_the_build_context(project, with_db):
         write(project / "build-x/compile_commands.json", json.dumps([{
             "directory": str(project / "build-x"), "file": "../app/main.c",
             "arguments": ["cc", "-I../vendor/inc", "-D", "LIMIT=4", "-std=c99", "-c", "../app/main.c"]}]))
-    result = gate.check(str(project), touched)
+    result = check(str(project), touched)
     # Without the flags the missing header is the same before and after, and cancels.
     assert [(s["path"], s["line"], "sizee" in s["message"]) for s in result["structured"]] == (
         [("app/main.c", 2, True)] if with_db else [])
@@ -74,7 +96,7 @@ def test_database_keeps_only_context_flags(tmp_path, item, flags, std):
 ])
 def test_headers_are_checked_through_a_unit(project, rel, clean, broken, analyser):
     touched = touch(project, {rel: (clean, broken)})
-    result = gate.check(str(project), touched)
+    result = check(str(project), touched)
     [finding] = result["structured"]
     assert (finding["path"], finding["line"], finding["analyser"]) == (rel, 2, analyser)
     assert "radius" in finding["message"]
@@ -89,16 +111,18 @@ MIXED = {
 }
 
 
+@pytest.mark.heavy
 def test_results_follow_first_touch_and_progress_counts_every_file(project):
     touched = touch(project, MIXED)
     calls = []
-    result = gate.check(str(project), touched, progress=lambda *call: calls.append(call))
+    result = check(str(project), touched, progress=lambda *call: calls.append(call))
     assert [s["path"] for s in result["structured"]] == ["src/Slow.java", "src/b.c", "src/a.py"]
     assert [done for done, _, _ in calls] == [1, 2, 3, 4]
     assert {total for _, total, _ in calls} == {4}
     assert sorted(rel for _, _, rel in calls) == sorted(MIXED)
 
 
+@pytest.mark.heavy
 @pytest.mark.parametrize("as_event", [True, False])
 def test_cancel_between_files_keeps_every_byte(project, as_event):
     # CRLF texts: the module writes back what it read, with "\n" line ends.
@@ -110,7 +134,7 @@ def test_cancel_between_files_keeps_every_byte(project, as_event):
         touched[str(project / rel)] = before
     before_bytes = bytes_of(touched)
     stop = threading.Event()
-    result = gate.check(str(project), touched, progress=lambda *_: stop.set(),
+    result = check(str(project), touched, progress=lambda *_: stop.set(),
                         cancel=stop if as_event else stop.is_set, workers=2)
     assert result["cancelled"] and result["skipped"]
     assert {s["reason"] for s in result["skipped"]} == {gate.CANCELLED}
@@ -121,7 +145,7 @@ def test_cancel_between_files_keeps_every_byte(project, as_event):
 def test_a_file_that_is_not_text_is_skipped_unchanged(project):
     path = project / "bad.py"
     path.write_bytes(b"x = '\xff'\n")
-    result = gate.check(str(project), {str(path): "x = 1\n"})
+    result = check(str(project), {str(path): "x = 1\n"})
     assert result["skipped"] == [{"path": "bad.py", "reason": gate.NOT_TEXT}]
     assert path.read_bytes() == b"x = '\xff'\n"
 
