@@ -150,6 +150,21 @@ def test_a_file_that_is_not_text_is_skipped_unchanged(project):
     assert path.read_bytes() == b"x = '\xff'\n"
 
 
+@pytest.mark.heavy
+def test_a_class_never_sees_another_while_its_earlier_text_is_in_place(project):
+    # X gains m() and an error, so the gate puts X's earlier text (without m) in place for a while;
+    # Y only ever sees X's error, before and after, which cancels.
+    k = "public static int k() { return 0; }"
+    touched = touch(project, {
+        "src/X.java": (f"public class X {{ {k} }}\n",
+                       f"public class X {{ {k} public static int m() {{ return 1; }} String bad() {{ return 2; }} }}\n"),
+        "src/Y.java": ("public class Y { int n() { return X.k(); } }\n",
+                       "public class Y { int n() { return X.m(); } }\n"),
+    })
+    for _ in range(4):
+        assert [s["path"] for s in check(str(project), touched, workers=2)["structured"]] == ["src/X.java"]
+
+
 def test_swap_lock_keeps_readers_out_while_held():
     lock, entered = SwapLock(), threading.Event()
 
