@@ -1,5 +1,6 @@
 import json
 import threading
+from pathlib import Path
 
 import pytest
 
@@ -7,7 +8,6 @@ import editor
 from editor_session import compile_db, gate
 from editor_session.swap_lock import SwapLock
 from helpers import repository, write
-
 
 TIME_LIMIT = 180
 
@@ -42,7 +42,7 @@ def check(*args, **kwargs):
 
 
 def bytes_of(paths):
-    return {p: open(p, "rb").read() for p in paths}
+    return {p: Path(p).read_bytes() for p in paths}
 
 
 @pytest.mark.parametrize("rel, text, expected", [
