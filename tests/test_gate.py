@@ -1,0 +1,181 @@
+import json
+import threading
+from pathlib import Path
+
+import pytest
+
+import editor
+from editor_session import compile_db, gate
+from editor_session.swap_lock import SwapLock
+from helpers import repository, write
+
+TIME_LIMIT = 180
+
+
+@pytest.fixture
+def project(tmp_path):
+    return repository(tmp_path / "proj")
+
+
+def touch(root, files):
+    """Writes {rel: (earlier text or None, current text)}; returns touched in that order."""
+    return {str(write(root / rel, now)): before for rel, (before, now) in files.items()}
+
+
+def check(*args, **kwargs):
+    """gate.check on a thread of its own: a lock that never opens fails the test, not the run."""
+    outcome = {}
+
+    def run():
+        try:
+            outcome["result"] = gate.check(*args, **kwargs)
+        except BaseException as error:
+            outcome["error"] = error
+
+    worker = threading.Thread(target=run, daemon=True)
+    worker.start()
+    worker.join(TIME_LIMIT)
+    if "error" in outcome:
+        raise outcome["error"]
+    assert "result" in outcome, "the check did not finish in time"
+    return outcome["result"]
+
+
+def bytes_of(paths):
+    return {p: Path(p).read_bytes() for p in paths}
+
+
+@pytest.mark.parametrize("rel, text, expected", [
+    ("pkg/slug.py", "def title(t):\n    return slugify(t)\n",
+     {"line": 2, "analyser": "python", "message": "undefined name 'slugify'"}),
+    ("src/Greeter.java", "class Greeter {\n    String name() {\n        return 42;\n    }\n}\n",
+     {"line": 3, "analyser": "java", "message": "incompatible types: int cannot be converted to String"}),
+    # A thousand chained terms: beyond the default recursion limit pyflakes gives up silently.
+    ("deep.py", "a = 1\nx = (" + " + ".join(["a"] * 1000) + " + missing)\n",
+     {"line": 2, "analyser": "python", "message": "undefined name 'missing'"}),
+])
+def test_created_files_count_every_error(project, rel, text, expected):
+    touched = touch(project, {rel: (None, text)})
+    result = check(str(project), touched, set(touched))
+    assert result["structured"] == [{"path": rel, **expected}]
+    assert result["findings"][0].startswith(rel.rsplit("/", 1)[-1] + ": ")
+
+
+@pytest.mark.parametrize("with_db", [True, False])
+def test_compile_commands_gives_the_build_context(project, with_db):
+    write(project / "vendor/inc/widget.h", "struct widget { int size; };\n")
+    source = "#include \"widget.h\"\nint get(struct widget w) {{ return w.{} + LIMIT; }}\n"
+    touched = touch(project, {"app/main.c": (source.format("size"), source.format("sizee"))})
+    if with_db:
+        write(project / "build-x/compile_commands.json", json.dumps([{
+            "directory": str(project / "build-x"), "file": "../app/main.c",
+            "arguments": ["cc", "-I../vendor/inc", "-D", "LIMIT=4", "-std=c99", "-c", "../app/main.c"]}]))
+    result = check(str(project), touched)
+    # Without the flags the missing header is the same before and after, and cancels.
+    assert [(s["path"], s["line"], "sizee" in s["message"]) for s in result["structured"]] == (
+        [("app/main.c", 2, True)] if with_db else [])
+
+
+@pytest.mark.parametrize("item, flags, std", [
+    ({"arguments": ["g++", "-Iinc", "-isystem", "/s", "-DA=1", "-O2", "-std=c++20", "-o", "x.o", "x.cpp"]},
+     ("-Iinc", "-isystem", "/s", "-DA=1"), "-std=c++20"),
+    ({"command": "cc -D 'B=two words' -include cfg.h -Wall -c x.cpp"},
+     ("-D", "B=two words", "-include", "cfg.h"), None),
+])
+def test_database_keeps_only_context_flags(tmp_path, item, flags, std):
+    write(tmp_path / "compile_commands.json", json.dumps([{"directory": str(tmp_path), "file": "x.cpp", **item}]))
+    entry = compile_db.load(str(tmp_path))[str(tmp_path / "x.cpp")]
+    assert (entry.flags, entry.std, entry.cwd) == (flags, std, str(tmp_path))
+
+
+@pytest.mark.parametrize("rel, clean, broken, analyser", [
+    ("include/shape.h", "struct shape { int sides; };\nint area(struct shape s) { return s.sides; }\n",
+     "struct shape { int sides; };\nint area(struct shape s) { return s.radius; }\n", "c"),
+    ("lib/shape.hpp", "struct shape { int sides; };\ninline int area(const shape& s) { return s.sides; }\n",
+     "struct shape { int sides; };\ninline int area(const shape& s) { return s.radius; }\n", "c++"),
+])
+def test_headers_are_checked_through_a_unit(project, rel, clean, broken, analyser):
+    touched = touch(project, {rel: (clean, broken)})
+    result = check(str(project), touched)
+    [finding] = result["structured"]
+    assert (finding["path"], finding["line"], finding["analyser"]) == (rel, 2, analyser)
+    assert "radius" in finding["message"]
+    assert editor._semantic_errfn.__module__ != "editor_session.analysers"
+
+
+MIXED = {
+    "src/Slow.java": ("class Slow { int n() { return 1; } }\n", "class Slow { int n() { return \"1\"; } }\n"),
+    "src/clean.py": ("x = 1\n", "x = 2\n"),
+    "src/b.c": ("int f(void) { return 1; }\n", "int f(void) { return nope; }\n"),
+    "src/a.py": ("def f():\n    return 1\n", "def f():\n    return gone\n"),
+}
+
+
+@pytest.mark.heavy
+def test_results_follow_first_touch_and_progress_counts_every_file(project):
+    touched = touch(project, MIXED)
+    calls = []
+    result = check(str(project), touched, progress=lambda *call: calls.append(call))
+    assert [s["path"] for s in result["structured"]] == ["src/Slow.java", "src/b.c", "src/a.py"]
+    assert [done for done, _, _ in calls] == [1, 2, 3, 4]
+    assert {total for _, total, _ in calls} == {4}
+    assert sorted(rel for _, _, rel in calls) == sorted(MIXED)
+
+
+@pytest.mark.heavy
+@pytest.mark.parametrize("as_event", [True, False])
+def test_cancel_between_files_keeps_every_byte(project, as_event):
+    # CRLF texts: the module writes back what it read, with "\n" line ends.
+    files = {f"src/f{i}.c": ("int f(void)\r\n{ return 1; }\r\n", "int f(void)\r\n{ return nope; }\r\n")
+             for i in range(8)}
+    touched = {}
+    for rel, (before, now) in files.items():
+        (project / rel).write_bytes(now.encode())
+        touched[str(project / rel)] = before
+    before_bytes = bytes_of(touched)
+    stop = threading.Event()
+    result = check(str(project), touched, progress=lambda *_: stop.set(),
+                        cancel=stop if as_event else stop.is_set, workers=2)
+    assert result["cancelled"] and result["skipped"]
+    assert {s["reason"] for s in result["skipped"]} == {gate.CANCELLED}
+    assert 1 <= len(result["findings"]) <= len(files) - len(result["skipped"])
+    assert bytes_of(touched) == before_bytes
+
+
+def test_a_file_that_is_not_text_is_skipped_unchanged(project):
+    path = project / "bad.py"
+    path.write_bytes(b"x = '\xff'\n")
+    result = check(str(project), {str(path): "x = 1\n"})
+    assert result["skipped"] == [{"path": "bad.py", "reason": gate.NOT_TEXT}]
+    assert path.read_bytes() == b"x = '\xff'\n"
+
+
+@pytest.mark.heavy
+def test_a_class_never_sees_another_while_its_earlier_text_is_in_place(project):
+    # X gains m() and an error, so the gate puts X's earlier text (without m) in place for a while;
+    # Y only ever sees X's error, before and after, which cancels.
+    k = "public static int k() { return 0; }"
+    touched = touch(project, {
+        "src/X.java": (f"public class X {{ {k} }}\n",
+                       f"public class X {{ {k} public static int m() {{ return 1; }} String bad() {{ return 2; }} }}\n"),
+        "src/Y.java": ("public class Y { int n() { return X.k(); } }\n",
+                       "public class Y { int n() { return X.m(); } }\n"),
+    })
+    for _ in range(4):
+        assert [s["path"] for s in check(str(project), touched, workers=2)["structured"]] == ["src/X.java"]
+
+
+def test_swap_lock_keeps_readers_out_while_held():
+    lock, entered = SwapLock(), threading.Event()
+
+    def read():
+        with lock.reading():
+            entered.set()
+
+    lock.hold()
+    reader = threading.Thread(target=read)
+    reader.start()
+    assert not entered.wait(0.2)
+    lock.release()
+    assert entered.wait(5)
+    reader.join(5)
