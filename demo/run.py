@@ -18,7 +18,7 @@ from pathlib import Path
 HERE = Path(__file__).resolve().parent
 sys.path[:0] = [str(HERE.parent / "host"), str(HERE.parent / "build")]
 
-from session import Session  # noqa: E402
+from editor_session.session import Session  # noqa: E402
 
 
 def section(title):
@@ -40,7 +40,7 @@ def copy_sample(scratch):
 
 def scripted_session(root):
     """Runs the demo's session on `root`, printing as it goes; returns the key results."""
-    s = Session(str(root))
+    s = Session.open(str(root))
     results = {}
 
     section("An ambiguous file name is refused with its candidates")
@@ -80,19 +80,18 @@ def scripted_session(root):
     show(s.edit("checksum.c", 9, None, "        b = (b + a + carry) % 65521u;\n"))
 
     section("Commit-time check: only the errors this session introduced")
-    findings = s.commit_check()
+    findings = s.check()["findings"]
     results["findings"] = findings
     for finding in findings:
         print(f"   {finding}")
 
     section("Session diff: everything this session changed")
-    results["diff"] = s.diff()
+    results["diff"] = s.diff()["diff"]
     print("   " + results["diff"].replace("\n", "\n   "))
 
     section("The ledger")
-    ledger_path = Path(s.ledger_path())
-    print(f"   {ledger_path}")
-    results["ledger"] = s.ledger()
+    print(f"   {s.status()['ledger']}")
+    results["ledger"] = s.ledger()["entries"]
     for step in results["ledger"]:
         flag = "  (rolled back)" if step.get("rolled_back") else ""
         where = f" at line {step['at']}" if "at" in step else ""
@@ -100,8 +99,8 @@ def scripted_session(root):
 
     section("Roll back two steps")
     results["rollback"] = show(s.rollback(2))
-    print(f"   ledger flags: {[(st['n'], bool(st.get('rolled_back'))) for st in s.ledger()]}")
-    results["findings_after_rollback"] = s.commit_check()
+    print(f"   ledger flags: {[(st['n'], bool(st.get('rolled_back'))) for st in s.ledger()['entries']]}")
+    results["findings_after_rollback"] = s.check()["findings"]
     print(f"   commit-time check now: {results['findings_after_rollback'] or 'clean'}")
     results["session"] = s
     return results

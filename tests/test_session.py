@@ -1,4 +1,5 @@
-"""The road of an edit end to end: the demo's session, session invariants, the command line."""
+"""The road of an edit end to end: the demo's session, session invariants across processes, the
+command line."""
 
 import json
 import os
@@ -12,7 +13,7 @@ from hypothesis import HealthCheck, given, settings
 from hypothesis import strategies as st
 
 import srcatlas
-from session import Session
+from editor_session.session import Session
 
 ROOT = Path(__file__).resolve().parent.parent
 sys.path.insert(0, str(ROOT / "demo"))
@@ -37,7 +38,7 @@ def test_demo_session(tmp_path, capsys):
     assert r["line_edit"]["static_diff"] == {"values_changed": ["models.py::MAX_ITEMS: '500' -> '800'"]}
     assert r["anchor_edit"]["at"] == 10 and r["anchor_edit"]["syntax"] == "ok"
     assert r["broken"]["syntax"] == "SyntaxError: '(' was never closed (line 7)"
-    assert r["undo_broken"]["restored"] == [str(root / "inventory" / "pricing.py")]
+    assert r["undo_broken"]["restored"] == ["inventory/pricing.py"]
     assert "def net_value(warehouse):" in (root / "inventory" / "pricing.py").read_text()
     assert r["created"]["static_diff"]["symbols_added"] == ["discounts.py::discounted"]
     assert r["findings"] == ["report.py: python error: undefined name 'format_total' (line 15)",
@@ -45,21 +46,22 @@ def test_demo_session(tmp_path, capsys):
     assert "carry" in r["findings"][1] and r["findings"][1].endswith("(line 9)")
     assert [line for line in r["diff"].splitlines() if line.startswith("+++")] == [
         "+++ b/discounts.py", "+++ b/models.py", "+++ b/report.py", "+++ b/checksum.c"]
-    assert [(s["n"], bool(s.get("rolled_back"))) for s in r["session"].ledger()] == [
+    assert [(s["n"], bool(s.get("rolled_back"))) for s in r["session"].ledger()["entries"]] == [
         (1, False), (2, False), (3, True), (4, False), (5, True), (6, True)]
-    assert r["rollback"]["restored"] == [str(root / "src" / "checksum.c"), str(root / "inventory" / "report.py")]
+    assert r["rollback"]["restored"] == ["src/checksum.c", "inventory/report.py"]
     assert r["findings_after_rollback"] == []
     assert "Commit-time check" in capsys.readouterr().out
 
 
 def test_refused_write_leaves_no_snapshot_or_ledger_step(tmp_path):
     root = demo.copy_sample(tmp_path)
-    s = Session(str(root))
+    s = Session.open(str(root))
     before = tree(root)
     assert "error" in s.edit("models.py", 999, None, "x")
     assert "error" in s.create("models.py", "x")
     assert "error" in s.edit("../outside.py", 1, None, "x")
-    assert s.snapshots == [] and s.touched == {} and s.ledger() == []
+    status = s.status()
+    assert status["depth"] == 0 and status["touched"] == [] and s.ledger()["entries"] == []
     assert tree(root) == before
 
 
@@ -82,8 +84,8 @@ def test_full_rollback_restores_tree_and_index(tmp_path_factory, calls):
     # Files are compared byte for byte: the sample's files all end their lines with "\n", which is
     # what a rollback writes back (a "\r\n" file would come back with "\n").
     root = demo.copy_sample(tmp_path_factory.mktemp("s"))
-    s = Session(str(root))
-    start_tree, start_index = tree(root), srcatlas.enrich(s.raw)
+    s = Session.open(str(root))
+    start_tree, start_index = tree(root), srcatlas.enrich(s._live.raw)
     for call in calls:
         if call[0] == "edit":
             s.edit(call[1], call[2], None, call[3], call[4])
@@ -91,10 +93,18 @@ def test_full_rollback_restores_tree_and_index(tmp_path_factory, calls):
             s.create(call[1], call[2])
         else:
             s.rollback(call[1])
-    if s.snapshots:
-        assert "error" not in s.rollback(len(s.snapshots))
+    # A second process sees the same stack and undoes it all.
+    other = Session.open(str(root))
+    assert other.status()["steps"] == s.status()["steps"]
+    depth = other.status()["depth"]
+    if depth:
+        assert "error" not in other.rollback(depth)
     assert tree(root) == start_tree
-    assert s.index == start_index
+    assert srcatlas.enrich(other._live.raw) == start_index
+    entries = len(s.ledger()["entries"])
+    assert other.edit("models.py", 1, None, "# changed\n")["step"] == entries + 1
+    assert s.rollback(1)["restored"] == ["inventory/models.py"]  # follows the other process's step
+    assert srcatlas.enrich(s._live.raw) == start_index and tree(root) == start_tree
 
 
 def run_cli(root, *args, stdin=""):
@@ -110,8 +120,13 @@ def test_command_line_keeps_the_session_between_calls(tmp_path):
                                            "candidates: inventory/util.py, tools/util.py"]
     edited = run_cli(root, "edit", "models.py", "--start", "3", stdin="MAX_ITEMS = 1\n")
     assert edited.returncode == 0, edited.stderr
-    assert json.loads(edited.stdout)["replaced"] == ["MAX_ITEMS = 500"]
-    assert json.loads(run_cli(root, "rollback", "1").stdout)["restored"] == [
-        os.path.join(str(root), "inventory", "models.py")]
+    assert edited.stdout.splitlines()[:2] == ["step 1: edit inventory/models.py at line 3", "  - MAX_ITEMS = 500"]
+    broken = run_cli(root, "--json", "edit", "models.py", "--start", "3", stdin="MAX_ITEMS = (\n")
+    assert broken.returncode == 3 and json.loads(broken.stdout)["syntax"].startswith("SyntaxError")
+    assert json.loads(run_cli(root, "--json", "rollback", "2").stdout)["restored"] == [
+        "inventory/models.py", "inventory/models.py"]
     assert "MAX_ITEMS = 500" in (root / "inventory" / "models.py").read_text()
     assert run_cli(root, "rollback", "1").returncode == 1
+    assert run_cli(root, "edit").returncode == 2
+    status = json.loads(run_cli(root, "--json", "status").stdout)
+    assert [step["rolled_back"] for step in status["steps"]] == [True, True] and status["depth"] == 0

@@ -1,0 +1,456 @@
+"""The session's tool calls: the road every edit takes through `editor`, on the durable store.
+
+Each call holds the session lock from start to end, picks up what another process changed,
+recovers a call that a killed process left half done, and ends in one transaction that records
+its outcome. A write goes resolve -> guards -> snapshot and write-ahead mark -> module call ->
+re-index -> static diff -> ledger entry -> step recorded and mark cleared; a refused call leaves
+no step, and snapshot records and ledger entries stay one-to-one.
+"""
+
+from __future__ import annotations
+
+import os
+import sqlite3
+from typing import Any, Callable
+
+import editor
+import projstore
+
+from . import guards, journal, ledger
+from .live_index import LiveIndex
+from .store import DEFAULT_BUSY_TIMEOUT, SessionError, Store, digest, store_files
+
+Progress = Callable[[int, int, str], None]
+LIVE_RAW, GENERATION, LAST_RECOVERY = "live_raw", "generation", "last_recovery"
+
+
+def describe(exc: BaseException, rel: str) -> str:
+    """One line naming the file and the reason, for a host exception."""
+    if isinstance(exc, UnicodeDecodeError):
+        return f"{rel} is not UTF-8 text ({exc.reason} at byte {exc.start})"
+    if isinstance(exc, IsADirectoryError):
+        return f"{rel} is a directory, not a file"
+    if isinstance(exc, OSError) and exc.strerror:
+        return f"{rel}: {exc.strerror}"
+    text = " ".join(str(exc).split()) or type(exc).__name__
+    return f"{rel}: {type(exc).__name__}: {text}"
+
+
+class Session:
+    def __init__(self, root: str, state_dir: Any, allow_hard_links: bool, busy_timeout: float):
+        self.root = root
+        self.state_dir = state_dir
+        self.allow_hard_links = allow_hard_links
+        self.busy_timeout = busy_timeout
+        self.store = Store.open(root, state_dir, busy_timeout)
+        self._store_id = self._store_identity()
+        self._live: LiveIndex | None = None
+        self._generation = -1
+        self._recovered: list[str] = []
+        self._notes: list[str] = []
+
+    @classmethod
+    def open(cls, root: str, *, allow_hard_links: bool = False,
+             busy_timeout: float = DEFAULT_BUSY_TIMEOUT) -> "Session":
+        """Opens (or starts) the session of the project at `root`; raises SessionError with a
+        one-line message when its store cannot be used."""
+        root = os.path.abspath(root)
+        if not os.path.isdir(root):
+            raise SessionError(f"{root} is not a directory")
+        try:
+            state_dir = projstore.ensure_orvel_dir(root)
+        except OSError as e:
+            raise SessionError(f"the state directory of {root} cannot be created: {e}")
+        session = cls(root, state_dir, allow_hard_links, busy_timeout)
+        try:
+            with session.store.locked():
+                session._sync()
+        except BaseException:
+            session.close()
+            raise
+        return session
+
+    def close(self) -> None:
+        self.store.close()
+
+    # --- the tools a model calls --------------------------------------------------------
+
+    def edit(self, path: str, start_line: int | None = None, end_line: int | None = None, content: str = "",
+             mode: str = "replace", anchor: str | None = None) -> dict:
+        """Puts one block into an existing file, by lines or by anchor."""
+        def operation(target: str) -> dict:
+            return editor.apply_block(self.root, target, start_line, end_line, content, mode, anchor)
+        return self._call(lambda: self._write("edit", path, operation, {"mode": mode, "anchor": anchor}))
+
+    def create(self, path: str, content: str) -> dict:
+        """Creates a new file (and its parent directories)."""
+        return self._call(lambda: self._write("create", path, lambda target: editor.create_file(
+            self.root, target, content), {}, post=content))
+
+    def delete(self, path: str) -> dict:
+        """Deletes a file or directory. Not undoable: no snapshot and no ledger step."""
+        return self._call(lambda: self._delete(path))
+
+    def rollback(self, steps: int) -> dict:
+        """Undoes the newest `steps` writes and installs the index as it was before them."""
+        return self._call(lambda: self._rollback(steps))
+
+    def check(self, progress: Progress | None = None) -> dict:
+        """Edit-introduced compiler and pyflakes errors over every file this session touched."""
+        return self._call(lambda: self._check(progress))
+
+    def diff(self) -> dict:
+        """One unified diff of everything this session changed."""
+        return self._call(self._diff)
+
+    def ledger(self) -> dict:
+        return self._call(lambda: {"entries": editor.ledger_load(self.root)})
+
+    def status(self) -> dict:
+        return self._call(self._status)
+
+    def reset(self) -> dict:
+        """Forgets the session (files stay as they are); the next call starts a new one."""
+        with self.store.locked():
+            self.store.close()
+            for path in store_files(self.state_dir):
+                path.unlink(missing_ok=True)
+            self.store = Store.open(self.root, self.state_dir, self.busy_timeout)
+            self._store_id, self._generation = self._store_identity(), -1
+            self._build_index(generation=0)  # unchanged files keep their records: nothing re-parsed
+        return {"reset": str(self.store.path)}
+
+    # --- one call ----------------------------------------------------------------------
+
+    def _call(self, body: Callable[[], dict]) -> dict:
+        try:
+            with self.store.locked():
+                self._sync()
+                result = body()
+        except SessionError as e:
+            return {"error": str(e)}
+        except sqlite3.Error as e:
+            self._live = None
+            return {"error": f"session store {self.store.path}: {e}"}
+        except BaseException:
+            self._live = None  # unsaved index changes: reload from the store next time
+            raise
+        for key, notes in (("recovered", self._recovered), ("notes", self._notes)):
+            if notes:
+                result = {**result, key: list(notes)}
+                notes.clear()
+        return result
+
+    def _store_identity(self) -> tuple[int, int]:
+        info = os.stat(self.store.path)
+        return info.st_dev, info.st_ino
+
+    def _sync(self) -> None:
+        """Under the lock: start the session, follow other processes, recover a killed call."""
+        if self._store_identity() != self._store_id:  # another process reset the session
+            self.store.close()
+            self.store = Store.open(self.root, self.state_dir, self.busy_timeout)
+            self._store_id, self._live, self._generation = self._store_identity(), None, -1
+        store = self.store
+        if store.get(LIVE_RAW) is None:
+            self._build_index(generation=0)
+        generation = store.get(GENERATION)
+        if self._live is None or generation != self._generation:
+            self._live = LiveIndex.load(store, self.root, store.get(LIVE_RAW), like=self._live)
+            self._generation = generation
+        if not self._live.current:  # made by an older indexer
+            self._build_index(generation + 1)
+        intent = store.get(journal.PENDING)
+        if intent is not None:
+            self._recover(intent)
+
+    def _build_index(self, generation: int) -> None:
+        with self.store.conn:
+            live = LiveIndex.build(self.store, self.root, like=self._live)
+            self.store.set(LIVE_RAW, live.raw_id)
+            self.store.set(GENERATION, generation)
+        self._live, self._generation = live, generation
+
+    def _commit(self) -> None:
+        """Ends a call's transaction: the live raw saved, the mark cleared, other processes told."""
+        store = self.store
+        assert self._live is not None
+        store.set(LIVE_RAW, self._live.save(store))
+        store.set(journal.PENDING, None)
+        self._generation = store.get(GENERATION, 0) + 1
+        store.set(GENERATION, self._generation)
+
+    def _drop_journal(self, intent: dict) -> None:
+        self.store.drop_unreferenced_blobs([bytes.fromhex(e["pre"]) for e in intent["files"]
+                                            if e["pre"] not in (None, journal.DIRECTORY)])
+
+    def _rel(self, abs_path: str) -> str:
+        return guards.rel_of(self.root, abs_path)
+
+    # --- recovery ----------------------------------------------------------------------
+
+    def _recover(self, intent: dict) -> None:
+        ledger_note = ledger.restore_cut(self.root) if intent["kind"] != "check" else None
+        outcome = journal.settle(self.store, self.root, intent, ledger.unflagged(editor.ledger_load(self.root)))
+        if ledger_note is not None:
+            outcome.notes.append(ledger_note)
+        live, store = self._live, self.store
+        assert live is not None
+        kind = intent["kind"]
+        with store.conn:
+            if kind in ("edit", "create"):
+                appended = len(editor.ledger_load(self.root)) > intent["ledger_len"]
+                if outcome.finished:
+                    step = intent["step"]
+                    receipt = {"syntax": None, "recovered": outcome.notes[0]}
+                    n = intent["ledger_len"] + 1 if appended else editor.ledger_append(
+                        self.root, {"tool": kind, "file": step["rel"], **receipt})
+                    self._record_step(step, receipt, n)
+                elif appended:  # the entry of a write that was undone
+                    editor.ledger_mark_rolled_back(self.root, 1)
+            elif kind == "delete" and outcome.finished:
+                step = intent["step"]
+                store.add_touched(step["rel"], None if step["text_hash"] is None else bytes.fromhex(step["text_hash"]))
+            elif kind == "rollback" and outcome.finished:
+                if ledger.unflagged(editor.ledger_load(self.root)) == intent["unflagged"]:
+                    editor.ledger_mark_rolled_back(self.root, outcome.consumed)
+                store.mark_rolled_back(intent["steps"][:outcome.consumed])
+            if kind != "check":
+                live.reindex(outcome.paths)
+            self._commit()
+            self._drop_journal(intent)
+            store.set(LAST_RECOVERY, outcome.notes)
+        self._recovered += outcome.notes
+
+    def _record_step(self, step: dict, receipt: dict, ledger_n: int | None) -> None:
+        text_hash = None if step["text_hash"] is None else bytes.fromhex(step["text_hash"])
+        self.store.add_step(step["tool"], step["rel"], step["ts"], text_hash, step["raw_id"], ledger_n, receipt)
+        if step["first"]:
+            self.store.add_touched(step["rel"], text_hash)
+
+    # --- writes ------------------------------------------------------------------------
+
+    def _prepare_ledger(self) -> list:
+        """Before a call that will make the module rewrite the ledger: its steps now."""
+        steps, note = ledger.prepare(self.root)
+        if note is not None:
+            self._notes.append(note)
+        return steps
+
+    def _write(self, tool: str, path: str, operation: Callable[[str], dict], details: dict,
+               post: str | None = None) -> dict:
+        live, store = self._live, self.store
+        assert live is not None
+        target = editor.resolve_target(self.root, path, live.known_paths())
+        if isinstance(target, dict):
+            return target
+        rel = self._rel(target)
+        problem = guards.file_problem(self.root, target, self.allow_hard_links)
+        if problem is not None:
+            return {"error": problem}
+        ledger_steps = self._prepare_ledger()
+        try:
+            pre = journal.read_bytes(target)
+            snapshot = editor.take_snapshot(live.raw, target)
+        except (OSError, ValueError) as e:
+            return {"error": describe(e, rel)}
+        text_before = snapshot["text_before"]
+        with store.conn:
+            text_hash = None if text_before is None else store.put_blob(text_before.encode("utf-8"))
+            expected = journal.UNKNOWN if post is None else digest(post.encode("utf-8", "surrogatepass")).hex()
+            intent = {"kind": tool, "files": [journal.file_entry(store, rel, pre, expected)],
+                      "ledger_len": len(ledger_steps),
+                      "step": {"tool": tool, "rel": rel, "ts": snapshot["ts"],
+                               "text_hash": None if text_hash is None else text_hash.hex(),
+                               "raw_id": live.raw_id, "first": not store.is_touched(rel)}}
+            store.set(journal.PENDING, intent)
+        try:
+            receipt = operation(target)
+        except Exception as e:
+            if journal.read_bytes(target) == pre:
+                return self._abandon(intent, {"error": describe(e, rel)})
+            # The module wrote, then raised (the compiler's own limits): the step stands, with
+            # the exception in place of the syntax result, so that it can be rolled back.
+            receipt = {"syntax": describe(e, rel)}
+        if "error" in receipt:
+            return self._abandon(intent, receipt)
+        changes = self._reindex(target, rel)
+        entry = {"tool": tool, "file": rel, **{k: v for k, v in details.items() if v is not None},
+                 **{k: receipt[k] for k in ("at", "replaced") if k in receipt},
+                 "syntax": receipt.get("syntax"), "static_diff": changes}
+        n = editor.ledger_append(self.root, entry)
+        with store.conn:
+            self._record_step(intent["step"], receipt, n)
+            self._commit()
+            self._drop_journal(intent)
+        if "created" in receipt:
+            receipt = {**receipt, "created": rel}
+        return {"file": rel, **receipt, "static_diff": changes, "step": n}
+
+    def _reindex(self, target: str, rel: str) -> dict:
+        """The static diff of a write; an indexer that fails on the new text keeps the file's old
+        record and says why instead."""
+        assert self._live is not None
+        try:
+            before, after = self._live.reindex([target])
+        except Exception as e:
+            return {"error": f"not re-indexed: {describe(e, rel)}"}
+        return editor.static_diff(before, after)
+
+    def _abandon(self, intent: dict, result: dict) -> dict:
+        """Clears the mark of a call that wrote nothing."""
+        with self.store.conn:
+            self.store.set(journal.PENDING, None)
+            self._drop_journal(intent)
+        return result
+
+    def _delete(self, path: str) -> dict:
+        live, store = self._live, self.store
+        assert live is not None
+        target = editor.resolve_target(self.root, path, live.known_paths())
+        if isinstance(target, dict):
+            return target
+        rel = self._rel(target)
+        problem = guards.file_problem(self.root, target, allow_hard_links=True)
+        if problem is not None:
+            return {"error": problem}
+        is_file = os.path.isfile(target) and not os.path.islink(target)
+        first_touch: str | None = None
+        pre = None
+        if is_file:
+            pre = journal.read_bytes(target)
+            try:
+                first_touch = pre.decode("utf-8").replace("\r\n", "\n").replace("\r", "\n") if pre else ""
+            except UnicodeDecodeError:
+                first_touch = None  # not text: nothing to diff against later
+        with store.conn:
+            text_hash = None if first_touch is None else store.put_blob(first_touch.encode("utf-8"))
+            entry = (journal.file_entry(store, rel, pre, None) if is_file
+                     else {"rel": rel, "pre": journal.DIRECTORY, "post": None})
+            intent = {"kind": "delete", "files": [entry],
+                      "step": {"rel": rel, "text_hash": None if text_hash is None else text_hash.hex()}}
+            store.set(journal.PENDING, intent)
+        try:
+            result = editor.delete_file(self.root, target)
+        except Exception as e:
+            result = {"error": describe(e, rel)}
+        with store.conn:
+            if "error" not in result and first_touch is not None:
+                store.add_touched(rel, text_hash)
+            live.reindex([target])
+            self._commit()
+            self._drop_journal(intent)
+        return result
+
+    # --- rollback ----------------------------------------------------------------------
+
+    def _rollback(self, steps: int) -> dict:
+        live, store = self._live, self.store
+        assert live is not None
+        if isinstance(steps, bool) or not isinstance(steps, int):
+            return {"error": "steps must be a whole number >= 1"}
+        depth = store.depth()
+        if not 1 <= steps <= depth:
+            return editor.rollback_steps([None] * depth, steps)  # the module's refusal; it pops nothing
+        rows = store.live_steps(steps)  # newest first
+        paths = list(dict.fromkeys(os.path.join(self.root, row["rel"]) for row in rows))
+        problem = guards.rollback_problem(self.root, paths, self.allow_hard_links)
+        if problem is not None:
+            return {"error": problem}
+        ledger_steps = self._prepare_ledger()
+        records = [{"ts": row["ts"], "path": os.path.join(self.root, row["rel"]),
+                    "text_before": None if row["text_hash"] is None else store.get_blob(row["text_hash"]).decode(),
+                    "raw": row["raw_id"]} for row in reversed(rows)]
+        final: dict[str, str | None] = {}
+        for record in records:  # oldest first: the first record of a path is what it ends as
+            text = record["text_before"]
+            final.setdefault(record["path"], None if text is None else digest(text.encode()).hex())
+        with store.conn:
+            intent = {"kind": "rollback", "steps": [row["id"] for row in rows],
+                      "unflagged": ledger.unflagged(ledger_steps),
+                      "files": [journal.file_entry(store, self._rel(p), journal.read_bytes(p), final[p])
+                                for p in paths]}
+            store.set(journal.PENDING, intent)
+        try:
+            result = editor.rollback_steps(records, steps)
+        except Exception as e:
+            failing = records[-1]["path"] if records else rows[-1]["rel"]
+            result = {"error": describe(e, self._rel(failing))}
+        popped = rows[:steps - len(records)]
+        if popped:
+            editor.ledger_mark_rolled_back(self.root, len(popped))
+        target = None if "error" in result else LiveIndex.load(store, self.root, rows[-1]["raw_id"], like=live)
+        if target is None or not target.current:
+            live.reindex([os.path.join(self.root, row["rel"]) for row in popped])
+        else:
+            before_files = live.raw["files"]
+            live.adopt(target.raw, target.raw_id, target.manifest)
+            live.drop_missing([rel for rel in target.raw["files"] if rel not in before_files])
+        with store.conn:
+            store.mark_rolled_back([row["id"] for row in popped])
+            self._commit()
+            self._drop_journal(intent)
+        if "error" not in result:
+            return {"restored": [self._restored_name(item) for item in result["restored"]]}
+        undone = [row["ledger_n"] for row in popped if row["ledger_n"] is not None]
+        return {"error": f"rollback of {steps} step(s) stopped: {result['error']}; {len(popped)} step(s) were "
+                         f"consumed and marked rolled back in the ledger ({', '.join(map(str, undone)) or 'none'})",
+                "consumed": len(popped),
+                "restored": [row["rel"] for row in popped[:-1]]}
+
+    def _restored_name(self, item: str) -> str:
+        suffix = " (deleted)"
+        if item.endswith(suffix):
+            return self._rel(item[:-len(suffix)]) + suffix
+        return self._rel(item)
+
+    # --- reading calls -----------------------------------------------------------------
+
+    def _touched_texts(self) -> dict[str, str | None]:
+        return {os.path.join(self.root, rel): None if key is None else self.store.get_blob(key).decode("utf-8")
+                for rel, key in self.store.touched()}
+
+    def _check(self, progress: Progress | None) -> dict:
+        store = self.store
+        kept, skipped = guards.split_checkable(self.root, self._touched_texts(), self.allow_hard_links)
+        current = {path: data for path in kept if (data := journal.read_bytes(path)) is not None}
+        with store.conn:
+            intent = {"kind": "check", "files": [journal.file_entry(store, self._rel(p), data, digest(data).hex())
+                                                 for p, data in current.items()]}
+            store.set(journal.PENDING, intent)
+        findings: list[str] = []
+        try:
+            with journal.restoring_on_signal(current):
+                for done, (path, text) in enumerate(kept.items(), 1):
+                    try:
+                        findings += editor.commit_time_check({path: text})
+                    except (OSError, ValueError) as e:
+                        skipped.append(describe(e, self._rel(path)))
+                    if progress is not None:
+                        progress(done, len(kept), self._rel(path))
+        finally:
+            journal.restore_exact(current)
+            self._abandon(intent, {})
+        return {"findings": findings, **({"skipped": skipped} if skipped else {})}
+
+    def _diff(self) -> dict:
+        kept, skipped = guards.split_checkable(self.root, self._touched_texts(), True, confine=False)
+        readable = {}
+        for path, text in kept.items():
+            try:
+                with open(path, encoding="utf-8") as handle:
+                    handle.read()
+            except (OSError, ValueError) as e:
+                if not isinstance(e, (FileNotFoundError, IsADirectoryError)):
+                    skipped.append(describe(e, self._rel(path)))
+                    continue
+            readable[path] = text
+        return {"diff": editor.session_diff(readable), **({"skipped": skipped} if skipped else {})}
+
+    def _status(self) -> dict:
+        steps = [{"step": n, "tool": tool, "file": rel, **({"rolled_back": True} if gone else {})}
+                 for _, tool, rel, n, gone in self.store.step_summaries()]
+        return {"root": self.root, "store": str(self.store.path), "ledger": str(ledger.path_of(self.root)),
+                "depth": self.store.depth(), "steps": steps,
+                "touched": [rel for rel, _ in self.store.touched()],
+                "recovered": self.store.get(LAST_RECOVERY, [])}

@@ -1,0 +1,213 @@
+"""The session store under kills, signals and several processes at once (heavy: real child
+processes, bounded rounds, time limits)."""
+
+import itertools
+import os
+import random
+import select
+import signal
+import subprocess
+import sys
+import time
+from pathlib import Path
+
+import pytest
+
+from editor_session.session import Session
+
+pytestmark = pytest.mark.heavy
+ROOT = Path(__file__).resolve().parent.parent
+KILL_TRIALS = int(os.environ.get("EDITOR_KILL_TRIALS", "200"))
+BIG = "".join(f"line {i} of a file of several megabytes\n" for i in range(55_000))  # ~2 MiB
+
+
+@pytest.fixture(autouse=True)
+def state_home(tmp_path, monkeypatch):
+    monkeypatch.setenv("EDITOR_STATE_HOME", str(tmp_path / "state"))
+
+
+# Each file takes one of two texts (None: absent); which one is fixed by whether a live step of
+# the session names it.
+def variants():
+    return {
+        "big1.txt": (BIG, "alpha\n" + BIG.split("\n", 1)[1]),
+        "big2.txt": (BIG, BIG.replace("line 1 of", "beta of", 1)),
+        "new.txt": (None, BIG[: len(BIG) * 2 // 3]),
+        "small.py": ("import os\n\nX = os.sep\n", "import os\n\nX = undefined_name\n"),
+    }
+
+
+CYCLE = [
+    ("edit", lambda s, v: s.edit("big1.txt", 1, None, "alpha\n")),
+    ("create", lambda s, v: s.create("new.txt", v["new.txt"][1])),
+    ("edit", lambda s, v: s.edit("big2.txt", 2, None, "beta of a file of several megabytes\n")),
+    ("rollback", lambda s, v: s.rollback(2)),
+    ("edit", lambda s, v: s.edit("small.py", 3, None, "X = undefined_name\n")),
+    ("check", lambda s, v: s.check()),
+    ("rollback", lambda s, v: s.rollback(max(1, s.status()["depth"]))),
+]
+
+
+def child_loop(root, announce):
+    """Runs the cycle for ever, writing each call's kind to `announce` before it starts."""
+    try:
+        session = Session.open(root)
+        v = variants()
+        for kind, call in itertools.cycle(CYCLE):
+            os.write(announce, kind.encode() + b"\n")
+            call(session, v)
+    except BaseException:
+        os._exit(3)
+
+
+def consistent_state(root):
+    """Opens the session (recovering) and checks files, store and ledger against each other."""
+    session = Session.open(root)
+    try:
+        status = session.status()
+        live = {(st["step"], st["file"]) for st in status["steps"] if "rolled_back" not in st}
+        ledger = {(e["n"], e["file"]) for e in session.ledger()["entries"] if not e.get("rolled_back")}
+        assert live == ledger and len(live) == status["depth"]
+        named = {name for _, name in live}
+        for name, (initial, edited) in variants().items():
+            path = Path(root, name)
+            actual = path.read_text() if path.exists() else None
+            assert actual == (edited if name in named else initial), (name, status)
+        return status
+    finally:
+        session.close()
+
+
+def wait_for(stream, kind, deadline):
+    """Reads the child's announcements until the call it is starting now is `kind`."""
+    pending = b""
+    while (left := deadline - time.monotonic()) > 0:
+        if not select.select([stream], [], [], left)[0]:
+            break
+        chunk = os.read(stream, 4096)
+        if not chunk:
+            break
+        pending += chunk
+        if pending.endswith(b"\n") and pending.rstrip(b"\n").rsplit(b"\n", 1)[-1] == kind.encode():
+            return True
+    return False
+
+
+def test_kills_at_random_moments_lose_nothing(tmp_path):
+    root = tmp_path / "proj"
+    root.mkdir()
+    for name, (initial, _) in variants().items():
+        if initial is not None:
+            (root / name).write_text(initial)
+    Session.open(str(root)).close()
+    rng = random.Random(1234)
+    kinds = ["edit", "create", "rollback", "check"]
+    started, killed_in = time.monotonic(), {kind: 0 for kind in kinds}
+    for trial in range(KILL_TRIALS):
+        target = kinds[trial % len(kinds)]
+        read_end, write_end = os.pipe()
+        pid = os.fork()
+        if pid == 0:
+            os.close(read_end)
+            child_loop(str(root), write_end)
+        os.close(write_end)
+        try:
+            if wait_for(read_end, target, time.monotonic() + 30):
+                time.sleep(rng.uniform(0, 0.05))
+                killed_in[target] += 1
+        finally:
+            os.kill(pid, signal.SIGKILL)
+            _, status = os.waitpid(pid, 0)
+            os.close(read_end)
+        assert os.WIFSIGNALED(status), f"the child ended on its own (status {status}) in trial {trial}"
+        consistent_state(str(root))
+    assert min(killed_in.values()) >= KILL_TRIALS // len(kinds) - 1, killed_in
+    session = Session.open(str(root))
+    depth = session.status()["depth"]
+    if depth:
+        assert "error" not in session.rollback(depth)
+    assert {p.name: p.read_text() for p in root.iterdir()} == {
+        name: initial for name, (initial, _) in variants().items() if initial is not None}
+    assert time.monotonic() - started < 240
+
+
+SIGNAL_CHILD = """
+import os, signal, sys, time
+import editor
+from editor_session.session import Session
+s = Session.open(sys.argv[1])
+real = editor._pyflakes_errors
+calls = []
+def errors(path):
+    calls.append(path)
+    if len(calls) == 2:  # the gate now holds the first-touch text on disk
+        os.kill(os.getpid(), getattr(signal, sys.argv[2]))
+        time.sleep(10)
+    return real(path)
+editor._pyflakes_errors = errors
+s.check()
+"""
+
+
+@pytest.mark.parametrize("name", ["SIGTERM", "SIGINT", "SIGHUP"])
+def test_a_signal_during_the_check_restores_the_current_text(tmp_path, name):
+    root = tmp_path / "proj"
+    root.mkdir()
+    (root / "m.py").write_text("import os\n\nX = os.sep\n")
+    session = Session.open(str(root))
+    session.edit("m.py", 3, None, "X = undefined_name\n")
+    session.close()
+    env = dict(os.environ, PYTHONPATH=f"{ROOT / 'build'}:{ROOT / 'host'}")
+    child = subprocess.run([sys.executable, "-c", SIGNAL_CHILD, str(root), name], env=env, timeout=60,
+                           capture_output=True, text=True)
+    assert child.returncode == -getattr(signal, name), child.stderr
+    assert (root / "m.py").read_text() == "import os\n\nX = undefined_name\n"
+    assert Session.open(str(root)).check()["findings"] == ["m.py: python error: undefined name 'undefined_name' (line 3)"]
+
+
+EDITOR_PROCESS = """
+import sys
+from editor_session.session import Session
+root, me, count = sys.argv[1], int(sys.argv[2]), int(sys.argv[3])
+s = Session.open(root)
+for j in range(count):
+    result = s.edit(f"f{me}.py", 1, None, f"V{me} = {j}\\n")
+    assert "error" not in result, result
+"""
+
+
+def test_eight_processes_editing_at_once_stay_one_to_one(tmp_path):
+    root = tmp_path / "proj"
+    root.mkdir()
+    processes, edits = 8, 20
+    for i in range(processes):
+        (root / f"f{i}.py").write_text(f"V{i} = None\n")
+    Session.open(str(root)).close()
+    env = dict(os.environ, PYTHONPATH=f"{ROOT / 'build'}:{ROOT / 'host'}")
+    children = [subprocess.Popen([sys.executable, "-c", EDITOR_PROCESS, str(root), str(i), str(edits)], env=env,
+                                 stderr=subprocess.PIPE, text=True) for i in range(processes)]
+    for child in children:
+        assert child.wait(timeout=240) == 0, child.stderr.read()
+    session = Session.open(str(root))
+    status = session.status()
+    entries = session.ledger()["entries"]
+    assert [e["n"] for e in entries] == list(range(1, processes * edits + 1))
+    assert [(st["step"], st["file"]) for st in status["steps"]] == [(e["n"], e["file"]) for e in entries]
+    assert [(root / f"f{i}.py").read_text() for i in range(processes)] == [
+        f"V{i} = {edits - 1}\n" for i in range(processes)]
+    assert session.rollback(processes * edits)["restored"]
+    assert [(root / f"f{i}.py").read_text() for i in range(processes)] == [
+        f"V{i} = None\n" for i in range(processes)]
+
+
+def test_a_call_that_cannot_get_the_session_is_refused_as_busy(tmp_path):
+    root = tmp_path / "proj"
+    root.mkdir()
+    (root / "a.py").write_text("A = 1\n")
+    session = Session.open(str(root))
+    with session.store.locked():
+        refused = subprocess.run([str(ROOT / "scripts" / "editor-session"), "--root", str(root), "--busy-timeout",
+                                  "0.5", "edit", "a.py", "--start", "1", "--content", "A = 2\n"],
+                                 capture_output=True, text=True, timeout=60)
+    assert refused.returncode == 1 and refused.stderr.startswith("editor-session: session busy")
+    assert (root / "a.py").read_text() == "A = 1\n" and session.status()["depth"] == 0
