@@ -10,7 +10,6 @@ import argparse
 import asyncio
 import json
 import logging
-import os
 import sys
 import threading
 from collections.abc import Callable
@@ -22,7 +21,8 @@ from mcp_types import CallToolResult, TextContent, ToolAnnotations
 from pydantic import Field, ValidationError
 
 from editor_session.main_thread import Cancelled, MainThreadCalls
-from editor_session.session import Session
+from editor_session.session import Session, describe
+from editor_session.store import SessionError
 
 log = logging.getLogger("editor_session.server")
 
@@ -91,7 +91,7 @@ class Tools:
     async def rollback(self, steps: Steps) -> CallToolResult:
         """Undo the newest `steps` writes of this session: files get their earlier text back
         (created files go away) and the index is restored with them."""
-        return await self._call(None, lambda: self.session.rollback(steps))
+        return await self._call("rollback", lambda: self.session.rollback(steps))
 
     async def check(self, ctx: Context) -> CallToolResult:
         """The end-of-change check: compiles and lints every file this session touched and reports
@@ -109,30 +109,32 @@ class Tools:
             except Exception as exc:
                 log.debug("progress for %s not sent: %r", rel, exc)
 
-        return await self._call(None, lambda: self.session.check(progress=progress), cancelled)
+        return await self._call("check", lambda: self.session.check(progress=progress), cancelled)
 
     async def diff(self) -> CallToolResult:
         """One unified diff of everything this session changed, against each file's text at first touch."""
-        return await self._call(None, self.session.diff)
+        return await self._call("diff", self.session.diff)
 
     async def ledger(self) -> CallToolResult:
         """The numbered steps of this session's ledger, with what each did and whether it was rolled back."""
-        return await self._call(None, self.session.ledger)
+        return await self._call("ledger", self.session.ledger)
 
     async def status(self) -> CallToolResult:
         """The session's state: how many steps it holds, the files it touched, anything recovered."""
-        return await self._call(None, self.session.status)
+        return await self._call("status", self.session.status)
 
-    async def _call(self, path: str | None, call: Callable[[], dict[str, Any]],
+    async def _call(self, subject: str, call: Callable[[], dict[str, Any]],
                     cancelled: threading.Event | None = None) -> CallToolResult:
+        """`call()` on the session; `subject` (the path, or the tool for calls without one) names
+        what a host exception concerns."""
         try:
             result = await self.calls.call(call, cancelled)
         except Cancelled:
             return tool_error("cancelled; every file is as it was")
         except Exception as exc:
-            log.warning("%s", one_line(exc, path))
+            log.warning("%s", describe(exc, subject))
             log.debug("traceback", exc_info=exc)
-            return tool_error(one_line(exc, path))
+            return tool_error(describe(exc, subject))
         return CallToolResult(content=[TextContent(type="text", text=render(result))],
                               structured_content=result, is_error="error" in result)
 
@@ -150,14 +152,6 @@ def render(result: dict[str, Any]) -> str:
         else:
             lines.append(f"{key}: {json.dumps(value, ensure_ascii=False)}")
     return "\n".join(lines)
-
-
-def one_line(exc: BaseException, path: str | None) -> str:
-    """A host exception as the one line a model reads: the file it concerns and the reason."""
-    if isinstance(exc, OSError) and exc.filename is not None:
-        return f"{exc.filename}: {exc.strerror or exc}"
-    reason = (str(exc).strip().splitlines() or [type(exc).__name__])[0]
-    return f"{path}: {reason}" if path else reason
 
 
 def tool_error(text: str) -> CallToolResult:
@@ -190,23 +184,24 @@ def _parser() -> argparse.ArgumentParser:
     parser = argparse.ArgumentParser(
         prog="editor-mcp", description="Serve the editing session of one project to a coding agent "
         "over the Model Context Protocol (stdio). Exit status: 0 when the client closes the "
-        "connection, 1 when the session cannot be opened, 2 for a usage error.")
+        "connection, 1 when the session cannot be opened (the root is not a directory, its store is "
+        "unusable), 2 for a usage error.")
     parser.add_argument("--root", required=True, help="the project directory")
+    parser.add_argument("--allow-hard-links", action="store_true",
+                        help="edit files that have other hard links (their other names change too)")
     parser.add_argument("--debug", action="store_true", help="log tracebacks of host exceptions to stderr")
     return parser
 
 
 def main(argv: list[str] | None = None) -> int:
-    parser = _parser()
-    args = parser.parse_args(argv)
-    if not os.path.isdir(args.root):
-        parser.error(f"{args.root}: not a directory")
+    args = _parser().parse_args(argv)
     logging.basicConfig(stream=sys.stderr, level=logging.DEBUG if args.debug else logging.WARNING,
                         format="editor-mcp: %(message)s")
     try:
-        session = Session.open(args.root)
+        session = Session.open(args.root, allow_hard_links=args.allow_hard_links)
     except Exception as exc:
-        print(f"editor-mcp: {one_line(exc, args.root)}", file=sys.stderr)
+        reason = str(exc) if isinstance(exc, SessionError) else describe(exc, args.root)
+        print(f"editor-mcp: {reason}", file=sys.stderr)
         return 1
     calls = MainThreadCalls()
     protocol = threading.Thread(target=_serve, args=(build_server(session, calls), calls),
@@ -225,7 +220,7 @@ def _serve(server: MCPServer, calls: MainThreadCalls) -> None:
     try:
         server.run("stdio")
     except Exception as exc:
-        log.error("protocol stopped: %s", one_line(exc, None))
+        log.error("%s", describe(exc, "protocol"))
     finally:
         calls.stop()
 
