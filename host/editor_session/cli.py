@@ -53,8 +53,8 @@ def _parser() -> argparse.ArgumentParser:
 
 
 def _call(session: Session, args: argparse.Namespace) -> dict:
-    content = getattr(args, "content", None)
-    if content is None and args.tool in ("edit", "create"):
+    content: str = getattr(args, "content", None) or ""
+    if getattr(args, "content", None) is None and args.tool in ("edit", "create"):
         content = sys.stdin.read()
     calls: dict[str, Callable[[], dict]] = {
         "edit": lambda: session.edit(args.path, args.start, args.end, content, args.mode, args.anchor),

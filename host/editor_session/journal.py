@@ -15,7 +15,7 @@ import os
 import signal
 import threading
 from dataclasses import dataclass, field
-from typing import Callable, Iterator
+from typing import Iterator
 
 from . import guards
 from .store import Store, digest
@@ -45,11 +45,6 @@ def state_of(abs_path: str) -> str | None:
 def file_entry(store: Store, rel: str, pre: bytes | None, post: str | None) -> dict:
     """A mark's entry for one file, storing its pre-image."""
     return {"rel": rel, "pre": None if pre is None else store.put_blob(pre).hex(), "post": post}
-
-
-def begin(store: Store, intent: dict) -> None:
-    with store.conn:
-        store.set(PENDING, intent)
 
 
 def write_back(abs_path: str, data: bytes | None) -> None:
@@ -139,5 +134,3 @@ def restore_exact(texts: dict[str, bytes]) -> None:
         if read_bytes(path) != data:
             write_back(path, data)
 
-
-Progress = Callable[[int, int, str], None]

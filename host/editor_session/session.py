@@ -152,33 +152,33 @@ class Session:
             self.store = Store.open(self.root, self.state_dir, self.busy_timeout)
             self._store_id, self._live, self._generation = self._store_identity(), None, -1
         store = self.store
-        if store.get(LIVE_RAW) is None:
+        if store.get_meta(LIVE_RAW) is None:
             self._build_index(generation=0)
-        generation = store.get(GENERATION)
+        generation = store.get_meta(GENERATION)
         if self._live is None or generation != self._generation:
-            self._live = LiveIndex.load(store, self.root, store.get(LIVE_RAW), like=self._live)
+            self._live = LiveIndex.load(store, self.root, store.get_meta(LIVE_RAW), like=self._live)
             self._generation = generation
         if not self._live.current:  # made by an older indexer
             self._build_index(generation + 1)
-        intent = store.get(journal.PENDING)
+        intent = store.get_meta(journal.PENDING)
         if intent is not None:
             self._recover(intent)
 
     def _build_index(self, generation: int) -> None:
         with self.store.conn:
             live = LiveIndex.build(self.store, self.root, like=self._live)
-            self.store.set(LIVE_RAW, live.raw_id)
-            self.store.set(GENERATION, generation)
+            self.store.set_meta(LIVE_RAW, live.raw_id)
+            self.store.set_meta(GENERATION, generation)
         self._live, self._generation = live, generation
 
     def _commit(self) -> None:
         """Ends a call's transaction: the live raw saved, the mark cleared, other processes told."""
         store = self.store
         assert self._live is not None
-        store.set(LIVE_RAW, self._live.save(store))
-        store.set(journal.PENDING, None)
-        self._generation = store.get(GENERATION, 0) + 1
-        store.set(GENERATION, self._generation)
+        store.set_meta(LIVE_RAW, self._live.save(store))
+        store.set_meta(journal.PENDING, None)
+        self._generation = store.get_meta(GENERATION, 0) + 1
+        store.set_meta(GENERATION, self._generation)
 
     def _drop_journal(self, intent: dict) -> None:
         self.store.drop_unreferenced_blobs([bytes.fromhex(e["pre"]) for e in intent["files"]
@@ -219,7 +219,7 @@ class Session:
                 live.reindex(outcome.paths)
             self._commit()
             self._drop_journal(intent)
-            store.set(LAST_RECOVERY, outcome.notes)
+            store.set_meta(LAST_RECOVERY, outcome.notes)
         self._recovered += outcome.notes
 
     def _record_step(self, step: dict, receipt: dict, ledger_n: int | None) -> None:
@@ -258,12 +258,12 @@ class Session:
         with store.conn:
             text_hash = None if text_before is None else store.put_blob(text_before.encode("utf-8"))
             expected = journal.UNKNOWN if post is None else digest(post.encode("utf-8", "surrogatepass")).hex()
-            intent = {"kind": tool, "files": [journal.file_entry(store, rel, pre, expected)],
+            intent: dict[str, Any] = {"kind": tool, "files": [journal.file_entry(store, rel, pre, expected)],
                       "ledger_len": len(ledger_steps),
                       "step": {"tool": tool, "rel": rel, "ts": snapshot["ts"],
                                "text_hash": None if text_hash is None else text_hash.hex(),
                                "raw_id": live.raw_id, "first": not store.is_touched(rel)}}
-            store.set(journal.PENDING, intent)
+            store.set_meta(journal.PENDING, intent)
         try:
             receipt = operation(target)
         except Exception as e:
@@ -300,7 +300,7 @@ class Session:
     def _abandon(self, intent: dict, result: dict) -> dict:
         """Clears the mark of a call that wrote nothing."""
         with self.store.conn:
-            self.store.set(journal.PENDING, None)
+            self.store.set_meta(journal.PENDING, None)
             self._drop_journal(intent)
         return result
 
@@ -329,7 +329,7 @@ class Session:
                      else {"rel": rel, "pre": journal.DIRECTORY, "post": None})
             intent = {"kind": "delete", "files": [entry],
                       "step": {"rel": rel, "text_hash": None if text_hash is None else text_hash.hex()}}
-            store.set(journal.PENDING, intent)
+            store.set_meta(journal.PENDING, intent)
         try:
             result = editor.delete_file(self.root, target)
         except Exception as e:
@@ -351,7 +351,7 @@ class Session:
             return {"error": "steps must be a whole number >= 1"}
         depth = store.depth()
         if not 1 <= steps <= depth:
-            return editor.rollback_steps([None] * depth, steps)  # the module's refusal; it pops nothing
+            return editor.rollback_steps([{}] * depth, steps)  # the module's refusal; it pops nothing
         rows = store.live_steps(steps)  # newest first
         paths = list(dict.fromkeys(os.path.join(self.root, row["rel"]) for row in rows))
         problem = guards.rollback_problem(self.root, paths, self.allow_hard_links)
@@ -370,7 +370,7 @@ class Session:
                       "unflagged": ledger.unflagged(ledger_steps),
                       "files": [journal.file_entry(store, self._rel(p), journal.read_bytes(p), final[p])
                                 for p in paths]}
-            store.set(journal.PENDING, intent)
+            store.set_meta(journal.PENDING, intent)
         try:
             result = editor.rollback_steps(records, steps)
         except Exception as e:
@@ -384,7 +384,7 @@ class Session:
             live.reindex([os.path.join(self.root, row["rel"]) for row in popped])
         else:
             before_files = live.raw["files"]
-            live.adopt(target.raw, target.raw_id, target.manifest)
+            live.adopt(target.raw, rows[-1]["raw_id"], target.manifest)
             live.drop_missing([rel for rel in target.raw["files"] if rel not in before_files])
         with store.conn:
             store.mark_rolled_back([row["id"] for row in popped])
@@ -417,7 +417,7 @@ class Session:
         with store.conn:
             intent = {"kind": "check", "files": [journal.file_entry(store, self._rel(p), data, digest(data).hex())
                                                  for p, data in current.items()]}
-            store.set(journal.PENDING, intent)
+            store.set_meta(journal.PENDING, intent)
         findings: list[str] = []
         try:
             with journal.restoring_on_signal(current):
@@ -453,4 +453,4 @@ class Session:
         return {"root": self.root, "store": str(self.store.path), "ledger": str(ledger.path_of(self.root)),
                 "depth": self.store.depth(), "steps": steps,
                 "touched": [rel for rel, _ in self.store.touched()],
-                "recovered": self.store.get(LAST_RECOVERY, [])}
+                "recovered": self.store.get_meta(LAST_RECOVERY, [])}

@@ -57,8 +57,9 @@ def store_files(state_dir: Path) -> list[Path]:
 
 
 class Store:
-    def __init__(self, conn: sqlite3.Connection, state_dir: Path, busy_timeout: float):
+    def __init__(self, conn: sqlite3.Connection, root: str, state_dir: Path, busy_timeout: float):
         self.conn = conn
+        self.root = root
         self.state_dir = state_dir
         self.path = state_dir / STORE_NAME
         self.busy_timeout = busy_timeout
@@ -75,7 +76,7 @@ class Store:
                                    check_same_thread=False)
         except sqlite3.Error as e:
             raise SessionError(f"session store {path} cannot be opened: {e} -- is {state_dir} writable?")
-        store = cls(conn, state_dir, busy_timeout)
+        store = cls(conn, root, state_dir, busy_timeout)
         try:
             conn.execute("PRAGMA journal_mode=WAL")
             conn.execute("PRAGMA synchronous=NORMAL")
@@ -135,11 +136,11 @@ class Store:
 
     # --- meta --------------------------------------------------------------------------
 
-    def get(self, key: str, default: Any = None) -> Any:
+    def get_meta(self, key: str, default: Any = None) -> Any:
         row = self.conn.execute("SELECT value FROM meta WHERE key=?", (key,)).fetchone()
         return default if row is None else json.loads(row[0])
 
-    def set(self, key: str, value: Any) -> None:
+    def set_meta(self, key: str, value: Any) -> None:
         if value is None:
             self.conn.execute("DELETE FROM meta WHERE key=?", (key,))
         else:
@@ -157,7 +158,7 @@ class Store:
         row = self.conn.execute("SELECT data FROM blobs WHERE hash=?", (key,)).fetchone()
         if row is None:
             raise SessionError(f"session store {self.path} lacks a text it refers to -- "
-                               + RESET_HINT.format(root="ROOT"))
+                               + RESET_HINT.format(root=self.root))
         return zlib.decompress(row[0])
 
     def drop_unreferenced_blobs(self, keys: list[bytes]) -> None:
@@ -177,9 +178,9 @@ class Store:
 
     def get_records(self, keys: set[bytes]) -> dict[bytes, dict]:
         found: dict[bytes, dict] = {}
-        keys = list(keys)
-        for start in range(0, len(keys), 500):
-            chunk = keys[start:start + 500]
+        ordered = list(keys)
+        for start in range(0, len(ordered), 500):
+            chunk = ordered[start:start + 500]
             marks = ",".join("?" * len(chunk))
             for key, data in self.conn.execute(f"SELECT hash, data FROM records WHERE hash IN ({marks})", chunk):
                 found[key] = marshal.loads(zlib.decompress(data))
@@ -198,7 +199,7 @@ class Store:
             parent, depth, changes = None, 0, dict(full)
         cursor = self.conn.execute("INSERT INTO raws(parent, depth, schema, delta) VALUES(?, ?, ?, ?)",
                                    (parent, depth, json.dumps(schema), zlib.compress(marshal.dumps(changes), 1)))
-        return int(cursor.lastrowid)
+        return int(cursor.lastrowid or 0)
 
     def manifest(self, raw_id: int) -> tuple[Any, dict[str, bytes]]:
         rows = self.conn.execute(
@@ -222,7 +223,7 @@ class Store:
         cursor = self.conn.execute(
             "INSERT INTO steps(tool, rel, ts, text_hash, raw_id, ledger_n, receipt) VALUES(?, ?, ?, ?, ?, ?, ?)",
             (tool, rel, ts, text_hash, raw_id, ledger_n, json.dumps(receipt, ensure_ascii=False)))
-        return int(cursor.lastrowid)
+        return int(cursor.lastrowid or 0)
 
     def live_steps(self, count: int) -> list[sqlite3.Row]:
         """The newest `count` steps still on the snapshot stack, newest first."""
