@@ -469,7 +469,7 @@ CASES = {
         value("no change", lambda p: editor.static_diff({}, {})),
         raises(KeyError, "edge without callee", lambda p: editor.static_diff({"edges": [{"caller": "a"}]}, {})),
         raises(TypeError, "unhashable id", lambda p: editor.static_diff({"edges": [{"caller": [], "callee": 1}]}, {})),
-        raises(TypeError, "scope id not a str", lambda p: editor.static_diff({"defs": {1: {}}}, {})),
+        raises(AttributeError, "scope id not a str", lambda p: editor.static_diff({"defs": {1: {}}}, {})),
         raises(TypeError, "cap not an int", lambda p: editor.static_diff({}, {}, "10")),
     ],
 }
