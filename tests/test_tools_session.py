@@ -125,3 +125,19 @@ def test_the_demo_shows_the_agent_tools(tmp_path):
     assert "changed since tag" in r["stale"]["error"] and r["stale"]["tag"] != r["read"]["tag"]
     assert len(r["blocks"]["blocks"]) == 2 and r["crlf_bytes"].count(b"\r\n") == 3
     assert r["undelete"]["restored"] == ["tools/build.bat"] and r["redo"]["redone"][0]["tool"] == "delete"
+
+
+@pytest.mark.parametrize("cancel", [None, lambda: True])
+def test_the_check_judges_created_files_whole_keeps_bytes_and_stops_when_cancelled(proj, cancel):
+    s = Session.open(str(proj))
+    s.edit("m.py", 2, None, "b = undefined_b\n")
+    s.create("src/new.py", "print(titel)\n")
+    before = tree_bytes(proj)
+    result = s.check(cancel=cancel)
+    assert tree_bytes(proj) == before
+    if cancel:
+        assert result["cancelled"] and result["findings"] == [] and len(result["skipped"]) == 2
+        return
+    assert [(f["path"], f["line"], f["analyser"]) for f in result["structured"]] == [
+        ("m.py", 2, "python"), ("src/new.py", 1, "python")]
+    assert "titel" in result["findings"][1] and "skipped" not in result

@@ -20,7 +20,7 @@ from mcp.server.mcpserver.exceptions import ToolError
 from mcp_types import CallToolResult, TextContent, ToolAnnotations
 from pydantic import Field, ValidationError
 
-from editor_session.main_thread import Cancelled, MainThreadCalls
+from editor_session.main_thread import MainThreadCalls
 from editor_session.session import Session, describe
 from editor_session.store import SessionError
 
@@ -101,15 +101,13 @@ class Tools:
         cancelled = threading.Event()
 
         def progress(done: int, total: int, rel: str) -> None:
-            if cancelled.is_set():
-                raise Cancelled
             sent = asyncio.run_coroutine_threadsafe(ctx.report_progress(done, total, rel), loop)
             try:
                 sent.result(PROGRESS_TIMEOUT)
             except Exception as exc:
                 log.debug("progress for %s not sent: %r", rel, exc)
 
-        return await self._call("check", lambda: self.session.check(progress=progress), cancelled)
+        return await self._call("check", lambda: self.session.check(progress=progress, cancel=cancelled), cancelled)
 
     async def diff(self) -> CallToolResult:
         """One unified diff of everything this session changed, against each file's text at first touch."""
@@ -129,12 +127,12 @@ class Tools:
         what a host exception concerns."""
         try:
             result = await self.calls.call(call, cancelled)
-        except Cancelled:
-            return tool_error("cancelled; every file is as it was")
         except Exception as exc:
             log.warning("%s", describe(exc, subject))
             log.debug("traceback", exc_info=exc)
             return tool_error(describe(exc, subject))
+        if result.get("cancelled"):
+            return tool_error("cancelled; every file is as it was")
         return CallToolResult(content=[TextContent(type="text", text=render(result))],
                               structured_content=result, is_error="error" in result)
 

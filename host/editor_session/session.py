@@ -19,11 +19,10 @@ import editor
 import projstore
 
 from . import blocks as block_edits
-from . import guards, images, journal, ledger, lineends, patch, reading
+from . import gate, guards, images, journal, ledger, lineends, patch, reading
 from .live_index import LiveIndex
 from .store import DEFAULT_BUSY_TIMEOUT, SessionError, Store, digest, remove_store
 
-Progress = Callable[[int, int, str], None]
 LIVE_RAW, GENERATION, LAST_RECOVERY = "live_raw", "generation", "last_recovery"
 LINE_ENDS = "line_ends"
 IMAGE = "image"
@@ -113,9 +112,11 @@ class Session:
         them; each comes back as a new step."""
         return self._call(lambda: self._redo(steps))
 
-    def check(self, progress: Progress | None = None) -> dict:
-        """Edit-introduced compiler and pyflakes errors over every file this session touched."""
-        return self._call(lambda: self._check(progress))
+    def check(self, progress: gate.Progress | None = None, cancel: gate.Cancel = None) -> dict:
+        """Compiler and pyflakes errors over every file this session touched: those its edits
+        introduced, and every error of a file it created. `cancel` (an Event or a callable) stops
+        the check between files ("cancelled" in the result); every file is left as it was."""
+        return self._call(lambda: self._check(progress, cancel))
 
     def diff(self, form: str = "unified") -> dict:
         """One diff of everything this session changed: "unified", or "patch" for `git apply`."""
@@ -581,7 +582,7 @@ class Session:
         return {os.path.join(self.root, rel): None if key is None else self.store.get_blob(key).decode("utf-8")
                 for rel, key in self.store.touched()}
 
-    def _check(self, progress: Progress | None) -> dict:
+    def _check(self, progress: gate.Progress | None, cancel: gate.Cancel) -> dict:
         store = self.store
         kept, skipped = guards.split_checkable(self.root, self._touched_texts(), self.allow_hard_links)
         current = {path: data for path in kept if (data := journal.read_bytes(path)) is not None}
@@ -589,20 +590,16 @@ class Session:
             intent = {"kind": "check", "files": [journal.file_entry(store, self._rel(p), data, digest(data).hex())
                                                  for p, data in current.items()]}
             store.set_meta(journal.PENDING, intent)
-        findings: list[str] = []
         try:
             with journal.restoring_on_signal(current):
-                for done, (path, text) in enumerate(kept.items(), 1):
-                    try:
-                        findings += editor.commit_time_check({path: text})
-                    except (OSError, ValueError) as e:
-                        skipped.append(describe(e, self._rel(path)))
-                    if progress is not None:
-                        progress(done, len(kept), self._rel(path))
+                created = [path for path, text in kept.items() if text is None]
+                outcome = gate.check(self.root, kept, created, progress=progress, cancel=cancel)
         finally:
             journal.restore_exact(current)
             self._abandon(intent, {})
-        return {"findings": findings, **({"skipped": skipped} if skipped else {})}
+        skipped += [f"{item['path']}: {item['reason']}" for item in outcome["skipped"]]
+        return {"findings": outcome["findings"], "structured": outcome["structured"],
+                **({"skipped": skipped} if skipped else {}), **({"cancelled": True} if outcome["cancelled"] else {})}
 
     def _diff(self, form: str) -> dict:
         if form not in patch.FORMS:
