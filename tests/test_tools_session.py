@@ -141,3 +141,16 @@ def test_the_check_judges_created_files_whole_keeps_bytes_and_stops_when_cancell
     assert [(f["path"], f["line"], f["analyser"]) for f in result["structured"]] == [
         ("m.py", 2, "python"), ("src/new.py", 1, "python")]
     assert "titel" in result["findings"][1] and "skipped" not in result
+
+
+@pytest.mark.parametrize("call, expected", [
+    (lambda s: s.edit("lib.py", 1, 2, ""), [{"symbol": "lib.py::helper", "callers": ["app.py::main"], "caller_count": 1}]),
+    (lambda s: s.edit("lib.py", 5, 6, ""), None),
+    (lambda s: s.delete("lib.py"), [{"symbol": "lib.py::helper", "callers": ["app.py::main"], "caller_count": 1}]),
+    (lambda s: s.edit("lib.py", 1, 1, "def helper(x, y=0):"), None),
+])
+def test_removing_what_other_files_call_reports_the_callers(proj, call, expected):
+    (proj / "lib.py").write_text("def helper(x):\n    return x + 1\n\n\ndef unused():\n    return 2\n")
+    (proj / "app.py").write_text("from lib import helper\n\n\ndef main():\n    return helper(3)\n")
+    result = call(Session.open(str(proj)))
+    assert "step" in result and result.get("dangling") == expected

@@ -19,7 +19,7 @@ import editor
 import projstore
 
 from . import blocks as block_edits
-from . import gate, guards, images, journal, ledger, lineends, patch, reading
+from . import dangling, gate, guards, images, journal, ledger, lineends, patch, reading
 from .live_index import LiveIndex
 from .store import DEFAULT_BUSY_TIMEOUT, SessionError, Store, digest, remove_store
 
@@ -39,6 +39,11 @@ def describe(exc: BaseException, rel: str) -> str:
         return f"{rel}: {exc.strerror}"
     text = " ".join(str(exc).split()) or type(exc).__name__
     return f"{rel}: {type(exc).__name__}: {text}"
+
+
+def _dangling(before: dict, after: dict) -> dict:
+    found = dangling.dangling(before, after)
+    return {"dangling": found} if found else {}
 
 
 class Session:
@@ -344,7 +349,7 @@ class Session:
         if "error" in receipt:
             return self._abandon(intent, receipt)
         ends = receipt.pop(LINE_ENDS, None)
-        changes = self._reindex(target, rel)
+        changes, loose = self._reindex(target, rel)
         entry = {"tool": tool, "file": rel, **{k: v for k, v in details.items() if v is not None},
                  **{k: receipt[k] for k in ("at", "replaced", "blocks") if k in receipt},
                  "syntax": receipt.get("syntax"), "static_diff": changes}
@@ -356,17 +361,18 @@ class Session:
             self._drop_journal(intent)
         if "created" in receipt:
             receipt = {**receipt, "created": rel}
-        return {"file": rel, **receipt, "static_diff": changes, "step": n}
+        return {"file": rel, **receipt, "static_diff": changes, **loose, "step": n}
 
-    def _reindex(self, target: str, rel: str) -> dict:
-        """The static diff of a write; an indexer that fails on the new text keeps the file's old
-        record and says why instead."""
+    def _reindex(self, target: str, rel: str) -> tuple[dict, dict]:
+        """The static diff of a write and, under "dangling", what it removed that other files
+        still call; an indexer that fails on the new text keeps the file's old record and says
+        why instead."""
         assert self._live is not None
         try:
             before, after = self._live.reindex([target])
         except Exception as e:
-            return {"error": f"not re-indexed: {describe(e, rel)}"}
-        return editor.static_diff(before, after)
+            return {"error": f"not re-indexed: {describe(e, rel)}"}, {}
+        return editor.static_diff(before, after), _dangling(before, after)
 
     def _abandon(self, intent: dict, result: dict) -> dict:
         """Clears the mark of a call that wrote nothing."""
@@ -419,7 +425,7 @@ class Session:
                                                      "static_diff": changes})
                 store.add_step("delete", rel, time.time(), None, raw_before, n, {**result, IMAGE: image})
                 store.set_meta(REDO, None)
-                result = {**result, "static_diff": changes, "step": n}
+                result = {**result, "static_diff": changes, **_dangling(before, after), "step": n}
             self._commit()
             self._drop_journal(intent)
         return patch.relative(result, self.root)
