@@ -125,6 +125,8 @@ def test_the_demo_shows_the_agent_tools(tmp_path):
     assert "changed since tag" in r["stale"]["error"] and r["stale"]["tag"] != r["read"]["tag"]
     assert len(r["blocks"]["blocks"]) == 2 and r["crlf_bytes"].count(b"\r\n") == 3
     assert r["undelete"]["restored"] == ["tools/build.bat"] and r["redo"]["redone"][0]["tool"] == "delete"
+    assert [(f["path"], f["message"]) for f in r["created_check"]] == [
+        ("inventory/slugs.py", "undefined name 'titel'")]
 
 
 @pytest.mark.parametrize("cancel", [None, lambda: True])
