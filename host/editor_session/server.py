@@ -139,7 +139,7 @@ class Tools:
 
     async def check(self, ctx: Context) -> CallToolResult:
         """The end-of-change check: compiles and lints every file this session touched and reports
-        only the errors the session's edits introduced. Run it once a change is complete; it
+        only the errors the session's edits introduced (in a file it created, every error). Run it once a change is complete; it
         reports progress per file and can be cancelled, leaving every file as it was."""
         loop = asyncio.get_running_loop()
         cancelled = threading.Event()

@@ -572,7 +572,8 @@ class Session:
                 text_hash = None if text is None else store.put_blob(text.encode("utf-8"))
                 store.add_step(row["tool"], rel, time.time(), text_hash, raw_before, n,
                                {**json.loads(row["receipt"]), "redo_of": row["ledger_n"]})
-                redone.append({"step": n, "tool": row["tool"], "file": rel, "static_diff": changes})
+                redone.append({"step": n, "tool": row["tool"], "file": rel, "static_diff": changes,
+                               **_dangling(before, after)})
             store.set_meta(REDO, stack[:-steps] or None)
             self._commit()
             self._drop_journal(intent)
