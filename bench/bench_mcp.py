@@ -41,7 +41,7 @@ def edit_arguments(i: int) -> dict:
 
 
 # Each tool with the arguments of round i; the Session method takes the same names.
-CASES = {"edit": edit_arguments}
+CASES = {"edit": edit_arguments, "read": lambda i: {"path": FILE, "start": 1, "end": LINES}}
 
 
 async def measure(client, session, tool, arguments_of):

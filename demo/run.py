@@ -107,9 +107,8 @@ def scripted_session(root):
 
 
 def agent_tools(root):
-    """Reading with a tag, a stale tag, a multi-block edit, kept CRLF line ends, and a delete
-    that is undone and redone."""
-    from editor_session.session import Session
+    """Reading with a tag, a stale tag, a multi-block edit, kept CRLF line ends, a delete that
+    is undone and redone, and a created file whose errors the check catches."""
     s = Session.open(str(root))
     results = {}
     section("Read with a tag; an edit against a stale tag is refused")
@@ -139,6 +138,12 @@ def agent_tools(root):
     print(f"   bytes back: {bat.read_bytes()!r}")
     results["redo"] = show(s.redo(1))
     print(f"   exists after the redo: {bat.exists()}")
+
+    section("A created file is checked whole: every error in it counts")
+    show(s.create("inventory/slugs.py", "def slug(title):\n    words = titel.split()\n    return slugify(words)\n"))
+    results["created_check"] = s.check()["structured"]
+    for finding in results["created_check"]:
+        print(f"   {finding['path']}:{finding['line']}: {finding['analyser']}: {finding['message']}")
     s.close()
     return results
 

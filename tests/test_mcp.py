@@ -15,7 +15,7 @@ from mcp_client import CALL_TIMEOUT, ROOT, checkout_command, checkout_env, conne
 
 pytestmark = pytest.mark.heavy
 
-TOOLS = {"edit", "create", "delete", "rollback", "check", "diff", "ledger", "status"}
+TOOLS = {"read", "edit", "create", "delete", "rollback", "redo", "check", "diff", "ledger", "status"}
 MODELS = "inventory/models.py"
 
 
@@ -64,27 +64,34 @@ def test_tools_their_schemas_and_the_instructions(setting):
     assert 0 < len(instructions.splitlines()) <= 5
 
 
-def test_edit_break_rollback_create_delete_diff(setting):
+def test_read_edit_stale_break_rollback_create_diff_delete_redo(setting):
     project, _, _ = setting
     original = tree_texts(project)
 
     async def scenario(client):
-        fixed = succeeded(await client.call_tool("edit", {"path": MODELS, "start_line": 3,
+        read = succeeded(await client.call_tool("read", {"path": MODELS, "start": 3, "end": 3}))
+        fixed = succeeded(await client.call_tool("edit", {"path": MODELS, "start_line": 3, "tag": read["tag"],
                                                           "content": "MAX_ITEMS = 800\n"}))
+        stale = await client.call_tool("edit", {"path": MODELS, "start_line": 3, "tag": read["tag"],
+                                                "content": "MAX_ITEMS = 900\n"})
         broken = succeeded(await client.call_tool("edit", {"path": MODELS, "anchor": "class Item:\n",
                                                            "content": "class Item(:\n"}))
         undone = succeeded(await client.call_tool("rollback", {"steps": 1}))
         created = succeeded(await client.call_tool("create", {"path": "inventory/extra.py", "content": "X = 1\n"}))
-        diff = succeeded(await client.call_tool("diff", {}))
-        deleted = succeeded(await client.call_tool("delete", {"path": "inventory/extra.py"}))
-        return fixed, broken, undone, created, diff, deleted
+        diff = succeeded(await client.call_tool("diff", {"form": "patch"}))
+        deleted = succeeded(await client.call_tool("delete", {"path": MODELS}))
+        succeeded(await client.call_tool("rollback", {"steps": 1}))
+        succeeded(await client.call_tool("redo", {"steps": 1}))
+        succeeded(await client.call_tool("rollback", {"steps": 2}))
+        return read, fixed, stale, broken, diff, deleted
 
-    fixed, broken, undone, created, diff, deleted = drive(setting, scenario)
-    assert fixed["replaced"] == ["MAX_ITEMS = 500"] and fixed["syntax"] == "ok"
-    assert broken["syntax"] not in ("ok", None)
+    read, fixed, stale, broken, diff, deleted = drive(setting, scenario)
+    assert read["text"] == "3\tMAX_ITEMS = 500" and fixed["replaced"] == ["MAX_ITEMS = 500"]
+    assert fixed["syntax"] == "ok" and fixed["tag"] != read["tag"]
+    assert stale.is_error and stale.structured_content["lines"] == "3\tMAX_ITEMS = 800"
+    assert broken["syntax"] not in ("ok", None) and deleted["deleted"] == MODELS
+    assert "+MAX_ITEMS = 800" in diff["diff"] and "--- /dev/null\n+++ b/inventory/extra.py" in diff["diff"]
     assert tree_texts(project) == {**original, MODELS: original[MODELS].replace("500", "800", 1)}
-    assert "+MAX_ITEMS = 800" in diff["diff"] and "+X = 1" in diff["diff"]
-    assert not (project / "inventory" / "extra.py").exists()
 
 
 def test_refusal_is_a_tool_result_and_changes_nothing(setting):
@@ -104,7 +111,9 @@ def test_malformed_calls_are_tool_errors_and_the_server_keeps_serving(setting):
     before = tree_digest(project)
     malformed = [("edit", {"path": MODELS, "start_line": "third"}), ("edit", {"start_line": 1}),
                  ("edit", {"path": MODELS, "start_line": 1, "mode": "sideways"}),
-                 ("rollback", {"steps": 0}), ("rollback", {"steps": [1]}), ("no_such_tool", {})]
+                 ("rollback", {"steps": 0}), ("rollback", {"steps": [1]}), ("no_such_tool", {}),
+                 ("edit", {"path": MODELS, "blocks": [{"start_line": "one"}]}), ("read", {"path": MODELS, "start": 0}),
+                 ("redo", {"steps": 1}), ("diff", {"form": "git"})]
 
     async def scenario(client):
         answers = [await client.call_tool(name, arguments) for name, arguments in malformed]

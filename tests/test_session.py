@@ -131,3 +131,10 @@ def test_command_line_keeps_the_session_between_calls(tmp_path):
     assert run_cli(root, "edit").returncode == 2
     status = json.loads(run_cli(root, "--json", "status").stdout)
     assert [step["rolled_back"] for step in status["steps"]] == [True, True] and status["depth"] == 0
+
+
+def test_command_line_prints_a_note_and_dangling_callers_as_whole_lines():
+    from editor_session import cli
+    result = {"static_diff": {"note": "no structural change"},
+              "dangling": [{"symbol": "a.py::f", "callers": ["b.py::g"], "caller_count": 3}]}
+    assert cli._structure(result) == ["note: no structural change", "dangling: a.py::f is still called by b.py::g and 2 more"]

@@ -255,3 +255,6 @@ def test_reset_settles_a_call_cut_short_then_forgets_the_session(proj, monkeypat
     fresh = Session.open(str(proj))
     assert fresh.status()["depth"] == 0 and fresh.status()["touched"] == []
     assert "error" in fresh.rollback(1)
+    # An open session resets under its own lock and keeps working.
+    assert "reset" in s.reset() and "step" in s.edit("a.py", 1, None, "A = 2\n")
+    assert Session.open(str(proj)).status()["depth"] == 1

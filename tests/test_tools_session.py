@@ -125,3 +125,34 @@ def test_the_demo_shows_the_agent_tools(tmp_path):
     assert "changed since tag" in r["stale"]["error"] and r["stale"]["tag"] != r["read"]["tag"]
     assert len(r["blocks"]["blocks"]) == 2 and r["crlf_bytes"].count(b"\r\n") == 3
     assert r["undelete"]["restored"] == ["tools/build.bat"] and r["redo"]["redone"][0]["tool"] == "delete"
+    assert [(f["path"], f["message"]) for f in r["created_check"]] == [
+        ("inventory/slugs.py", "undefined name 'titel'")]
+
+
+@pytest.mark.parametrize("cancel", [None, lambda: True])
+def test_the_check_judges_created_files_whole_keeps_bytes_and_stops_when_cancelled(proj, cancel):
+    s = Session.open(str(proj))
+    s.edit("m.py", 2, None, "b = undefined_b\n")
+    s.create("src/new.py", "print(titel)\n")
+    before = tree_bytes(proj)
+    result = s.check(cancel=cancel)
+    assert tree_bytes(proj) == before
+    if cancel:
+        assert result["cancelled"] and result["findings"] == [] and len(result["skipped"]) == 2
+        return
+    assert [(f["path"], f["line"], f["analyser"]) for f in result["structured"]] == [
+        ("m.py", 2, "python"), ("src/new.py", 1, "python")]
+    assert "titel" in result["findings"][1] and "skipped" not in result
+
+
+@pytest.mark.parametrize("call, expected", [
+    (lambda s: s.edit("lib.py", 1, 2, ""), [{"symbol": "lib.py::helper", "callers": ["app.py::main"], "caller_count": 1}]),
+    (lambda s: s.edit("lib.py", 5, 6, ""), None),
+    (lambda s: s.delete("lib.py"), [{"symbol": "lib.py::helper", "callers": ["app.py::main"], "caller_count": 1}]),
+    (lambda s: s.edit("lib.py", 1, 1, "def helper(x, y=0):"), None),
+])
+def test_removing_what_other_files_call_reports_the_callers(proj, call, expected):
+    (proj / "lib.py").write_text("def helper(x):\n    return x + 1\n\n\ndef unused():\n    return 2\n")
+    (proj / "app.py").write_text("from lib import helper\n\n\ndef main():\n    return helper(3)\n")
+    result = call(Session.open(str(proj)))
+    assert "step" in result and result.get("dangling") == expected

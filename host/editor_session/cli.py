@@ -98,6 +98,18 @@ def _reports_problem(result: dict) -> bool:
     return bool(result.get("findings")) or (isinstance(syntax, str) and syntax != "ok")
 
 
+def _structure(result: dict) -> list[str]:
+    """A write's static diff (a list per kind, or one note) and what it left dangling."""
+    lines = []
+    for kind, items in (result.get("static_diff") or {}).items():
+        lines += [f"{kind}: {items}"] if isinstance(items, str) else [f"{kind}: {item}" for item in items]
+    for loose in result.get("dangling", []):
+        more = loose["caller_count"] - len(loose["callers"])
+        lines.append(f"dangling: {loose['symbol']} is still called by {', '.join(loose['callers'])}"
+                     + (f" and {more} more" if more else ""))
+    return lines
+
+
 def _lines(tool: str, result: dict) -> list[str]:
     """The result as a person reads it."""
     if tool == "read":
@@ -110,7 +122,7 @@ def _lines(tool: str, result: dict) -> list[str]:
         for block in result["blocks"]:
             lines.append(f" block {block['block']} at line {block['at']}")
             lines += [f"  - {line}" for line in block["replaced"]]
-        return lines + [f"syntax: {result.get('syntax')}", f"tag: {result.get('tag')}"]
+        return lines + [f"syntax: {result.get('syntax')}", f"tag: {result.get('tag')}"] + _structure(result)
     if tool in ("edit", "create"):
         where = f" at line {result['at']}" if "at" in result else ""
         lines = [f"step {result['step']}: {tool} {result['file']}{where}"]
@@ -118,13 +130,11 @@ def _lines(tool: str, result: dict) -> list[str]:
         lines.append(f"syntax: {result.get('syntax')}")
         lines += [f"already broken before this edit: {result['syntax_before']}"] if "syntax_before" in result else []
         lines += [f"tag: {result['tag']}"] if "tag" in result else []
-        for kind, items in (result.get("static_diff") or {}).items():
-            lines += [f"{kind}: {item}" for item in items]
-        return lines
+        return lines + _structure(result)
     if tool == "redo":
         return [f"step {step['step']}: {step['tool']} {step['file']} again" for step in result["redone"]]
     if tool == "delete":
-        return [f"step {result['step']}: deleted {result['deleted']} ({result['was']})"]
+        return [f"step {result['step']}: deleted {result['deleted']} ({result['was']})"] + _structure(result)
     if tool == "rollback":
         return [f"restored {item}" for item in result["restored"]]
     if tool == "check":

@@ -16,7 +16,7 @@ from pathlib import Path
 import deeprun
 import editor
 
-from . import analysers
+from . import analysers, journal
 
 # pyflakes walks an expression recursively, a few frames per term: a thousand chained terms
 # need a few thousand frames, and the large stack has room for far more.
@@ -30,6 +30,7 @@ NOT_TEXT = "not checked: not UTF-8 text"
 _START_ORDER = ("java", "cpp", "c")
 
 Progress = Callable[[int, int, str], object]
+Cancel = threading.Event | Callable[[], bool] | None
 
 _FINDING = re.compile(r"(?P<analyser>\S+) error: (?P<message>.*) \(line (?P<line>\d+)\)", re.S)
 
@@ -52,7 +53,7 @@ def _pyflakes_on_large_stack(one: dict) -> list[str]:
 _deep_check = deeprun.run_deep(_pyflakes_on_large_stack)
 
 
-def _is_set(cancel) -> bool:
+def _is_set(cancel: Cancel) -> bool:
     if cancel is None:
         return False
     return bool(cancel.is_set() if hasattr(cancel, "is_set") else cancel())
@@ -88,8 +89,8 @@ def _check_one(scope: analysers.Scope, abs_path: str, baseline: str | None, stop
                 found = _deep_check(one) if python else editor.commit_time_check(one)
             finally:
                 # The module puts back the text it read; these are the bytes (line ends, BOM).
-                if original is not None and Path(abs_path).read_bytes() != original:
-                    Path(abs_path).write_bytes(original)
+                if original is not None:
+                    journal.restore_exact({abs_path: original})
     except UnicodeDecodeError:
         return _Outcome(skipped=NOT_TEXT)
     return _Outcome(findings=list(found))
@@ -109,7 +110,7 @@ def _in_order(touched: dict, created: Iterable[str]) -> dict[str, str | None]:
 
 
 def check(root: str, touched: dict, created: Iterable[str] = (), *, progress: Progress | None = None,
-          cancel=None, workers: int | None = None) -> dict:
+          cancel: Cancel = None, workers: int | None = None) -> dict:
     """Checks every touched file; `cancel` (a callable or an Event) is honoured between files,
     `progress(done, total, rel)` is called on this thread as each file finishes."""
     root = os.path.abspath(root)

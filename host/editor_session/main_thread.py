@@ -16,12 +16,6 @@ from typing import Any
 import anyio
 
 
-class Cancelled(BaseException):
-    """Raised inside a session call whose request the client cancelled. A BaseException, so
-    that the fail-safe `except Exception` of an analyser never swallows it and the session's
-    restore guard (a `finally`) runs."""
-
-
 class _Job:
     def __init__(self, fn: Callable[[], Any], loop: asyncio.AbstractEventLoop, done: anyio.Event):
         self.fn, self.loop, self.done = fn, loop, done
@@ -31,7 +25,7 @@ class _Job:
     def run(self) -> None:
         try:
             self.value = self.fn()
-        except (Exception, Cancelled) as exc:
+        except Exception as exc:
             self.error = exc
         finally:
             self.loop.call_soon_threadsafe(self.done.set)

@@ -13,14 +13,15 @@ import logging
 import sys
 import threading
 from collections.abc import Callable
-from typing import Annotated, Any, Literal
+from typing import Annotated, Any, Literal, TypedDict
 
 from mcp.server.mcpserver import Context, MCPServer
 from mcp.server.mcpserver.exceptions import ToolError
 from mcp_types import CallToolResult, TextContent, ToolAnnotations
 from pydantic import Field, ValidationError
 
-from editor_session.main_thread import Cancelled, MainThreadCalls
+from editor_session import patch
+from editor_session.main_thread import MainThreadCalls
 from editor_session.session import Session, describe
 from editor_session.store import SessionError
 
@@ -53,6 +54,35 @@ Anchor = Annotated[str | None, Field(description=(
     "addresses the lines it spans. Use it when the lines may have moved since you last read them."))]
 NewContent = Annotated[str, Field(description="The new file's whole text.")]
 Steps = Annotated[int, Field(ge=1, description="How many of the newest steps to undo.")]
+RedoSteps = Annotated[int, Field(ge=1, description=(
+    "How many of the steps the latest rollbacks undid to apply again, the last undone first."))]
+Start = Annotated[int, Field(ge=1, description="First line to show (1-based).")]
+End = Annotated[int | None, Field(ge=1, description=(
+    "Last line to show, inclusive; leave out to read to the end (long ranges are cut, with a note "
+    "saying where to read on)."))]
+Tag = Annotated[str | None, Field(description=(
+    "The file's tag from your last `read` or receipt of it: if the file changed since, the edit is "
+    "refused with the current tag and the current text of the addressed lines, so you can re-aim it."))]
+DryRun = Annotated[bool, Field(description=(
+    "Only show the unified diff the edit would make and its syntax verdict; write nothing."))]
+DiffForm = Annotated[Literal[tuple(patch.FORMS)], Field(description=(  # type: ignore[valid-type]
+    "'unified' to read, or 'patch' for a patch `git apply` accepts (/dev/null for created and "
+    "deleted files)."))]
+
+
+class Block(TypedDict, total=False):
+    """One block of a multi-block edit, addressed against the file as it is before the edit."""
+    start_line: StartLine
+    end_line: EndLine
+    anchor: Anchor
+    mode: Mode
+    content: Content
+
+
+Blocks = Annotated[list[Block] | None, Field(description=(
+    "Several blocks put in at once, all addressed against the current text (no shifting of line "
+    "numbers between them), applied all or none, as one step. When given, the single-block "
+    "parameters are not used."))]
 
 READ_ONLY = ToolAnnotations(read_only_hint=True)
 WRITES = ToolAnnotations(read_only_hint=False, destructive_hint=False)
@@ -64,20 +94,28 @@ class Tools:
     tool's description and its annotated parameters the input schema."""
 
     ANNOTATIONS = {
-        "edit": WRITES, "create": WRITES, "delete": DESTRUCTIVE, "rollback": DESTRUCTIVE,
+        "read": READ_ONLY, "edit": WRITES, "create": WRITES, "delete": DESTRUCTIVE, "rollback": DESTRUCTIVE, "redo": DESTRUCTIVE,
         "check": READ_ONLY, "diff": READ_ONLY, "ledger": READ_ONLY, "status": READ_ONLY,
     }
 
     def __init__(self, session: Session, calls: MainThreadCalls):
         self.session, self.calls = session, calls
 
+    async def read(self, path: FilePath, start: Start = 1, end: End = None) -> CallToolResult:
+        """Read lines of a file, each with its number (the numbers `edit` takes), the file's line
+        count and its tag (pass it to `edit` to be refused if the file changes meanwhile)."""
+        return await self._call(path, lambda: self.session.read(path, start=start, end=end))
+
     async def edit(self, path: FilePath, start_line: StartLine = None, end_line: EndLine = None,
-                   content: Content = "", mode: Mode = "replace", anchor: Anchor = None) -> CallToolResult:
-        """Put one whole block of lines into an existing file, addressed by line numbers or by an
-        anchor snippet. The receipt echoes the exact lines replaced, the line it went to and a
-        syntax verdict ("ok", the first breakage the edit added, or null when it cannot judge)."""
+                   content: Content = "", mode: Mode = "replace", anchor: Anchor = None, tag: Tag = None,
+                   blocks: Blocks = None, dry_run: DryRun = False) -> CallToolResult:
+        """Put whole blocks of lines into an existing file, addressed by line numbers or by an
+        anchor snippet of whole lines. The receipt echoes the exact lines replaced, the line it
+        went to, a syntax verdict ("ok", the first breakage the edit added, or null when it cannot
+        judge) and the file's new tag."""
         return await self._call(path, lambda: self.session.edit(
-            path, start_line=start_line, end_line=end_line, content=content, mode=mode, anchor=anchor))
+            path, start_line=start_line, end_line=end_line, content=content, mode=mode, anchor=anchor,
+            tag=tag, blocks=None if blocks is None else [dict(block) for block in blocks], dry_run=dry_run))
 
     async def create(self, path: FilePath, content: NewContent) -> CallToolResult:
         """Create a new file (and its missing parent directories); an existing path is refused.
@@ -85,7 +123,8 @@ class Tools:
         return await self._call(path, lambda: self.session.create(path, content))
 
     async def delete(self, path: FilePath) -> CallToolResult:
-        """Delete a file or a directory tree of the project."""
+        """Delete a file or a directory tree of the project, as one step: `rollback` puts back
+        every byte of it."""
         return await self._call(path, lambda: self.session.delete(path))
 
     async def rollback(self, steps: Steps) -> CallToolResult:
@@ -93,27 +132,30 @@ class Tools:
         (created files go away) and the index is restored with them."""
         return await self._call("rollback", lambda: self.session.rollback(steps))
 
+    async def redo(self, steps: RedoSteps) -> CallToolResult:
+        """Apply again the newest `steps` steps that `rollback` undid, while their files are still as
+        the rollback left them; any other write in between ends the chance to redo."""
+        return await self._call("redo", lambda: self.session.redo(steps))
+
     async def check(self, ctx: Context) -> CallToolResult:
         """The end-of-change check: compiles and lints every file this session touched and reports
-        only the errors the session's edits introduced. Run it once a change is complete; it
+        only the errors the session's edits introduced (in a file it created, every error). Run it once a change is complete; it
         reports progress per file and can be cancelled, leaving every file as it was."""
         loop = asyncio.get_running_loop()
         cancelled = threading.Event()
 
         def progress(done: int, total: int, rel: str) -> None:
-            if cancelled.is_set():
-                raise Cancelled
             sent = asyncio.run_coroutine_threadsafe(ctx.report_progress(done, total, rel), loop)
             try:
                 sent.result(PROGRESS_TIMEOUT)
             except Exception as exc:
                 log.debug("progress for %s not sent: %r", rel, exc)
 
-        return await self._call("check", lambda: self.session.check(progress=progress), cancelled)
+        return await self._call("check", lambda: self.session.check(progress=progress, cancel=cancelled), cancelled)
 
-    async def diff(self) -> CallToolResult:
-        """One unified diff of everything this session changed, against each file's text at first touch."""
-        return await self._call("diff", self.session.diff)
+    async def diff(self, form: DiffForm = "unified") -> CallToolResult:
+        """One diff of everything this session changed, against each file's text at first touch."""
+        return await self._call("diff", lambda: self.session.diff(form))
 
     async def ledger(self) -> CallToolResult:
         """The numbered steps of this session's ledger, with what each did and whether it was rolled back."""
@@ -129,12 +171,12 @@ class Tools:
         what a host exception concerns."""
         try:
             result = await self.calls.call(call, cancelled)
-        except Cancelled:
-            return tool_error("cancelled; every file is as it was")
         except Exception as exc:
             log.warning("%s", describe(exc, subject))
             log.debug("traceback", exc_info=exc)
             return tool_error(describe(exc, subject))
+        if result.get("cancelled"):
+            return tool_error("cancelled; every file is as it was")
         return CallToolResult(content=[TextContent(type="text", text=render(result))],
                               structured_content=result, is_error="error" in result)
 

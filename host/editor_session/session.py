@@ -19,11 +19,10 @@ import editor
 import projstore
 
 from . import blocks as block_edits
-from . import guards, images, journal, ledger, lineends, patch, reading
+from . import dangling, gate, guards, images, journal, ledger, lineends, patch, reading
 from .live_index import LiveIndex
 from .store import DEFAULT_BUSY_TIMEOUT, SessionError, Store, digest, remove_store
 
-Progress = Callable[[int, int, str], None]
 LIVE_RAW, GENERATION, LAST_RECOVERY = "live_raw", "generation", "last_recovery"
 LINE_ENDS = "line_ends"
 IMAGE = "image"
@@ -40,6 +39,11 @@ def describe(exc: BaseException, rel: str) -> str:
         return f"{rel}: {exc.strerror}"
     text = " ".join(str(exc).split()) or type(exc).__name__
     return f"{rel}: {type(exc).__name__}: {text}"
+
+
+def _dangling(before: dict, after: dict) -> dict:
+    found = dangling.dangling(before, after)
+    return {"dangling": found} if found else {}
 
 
 class Session:
@@ -113,9 +117,11 @@ class Session:
         them; each comes back as a new step."""
         return self._call(lambda: self._redo(steps))
 
-    def check(self, progress: Progress | None = None) -> dict:
-        """Edit-introduced compiler and pyflakes errors over every file this session touched."""
-        return self._call(lambda: self._check(progress))
+    def check(self, progress: gate.Progress | None = None, cancel: gate.Cancel = None) -> dict:
+        """Compiler and pyflakes errors over every file this session touched: those its edits
+        introduced, and every error of a file it created. `cancel` (an Event or a callable) stops
+        the check between files ("cancelled" in the result); every file is left as it was."""
+        return self._call(lambda: self._check(progress, cancel))
 
     def diff(self, form: str = "unified") -> dict:
         """One diff of everything this session changed: "unified", or "patch" for `git apply`."""
@@ -154,6 +160,8 @@ class Session:
 
     def _reset(self) -> dict:
         # Under the lock, after a call cut short was settled: its journal may go now.
+        assert self._live is not None
+        _ = self._live.raw  # its records are read while their store is open; the new index reuses them
         self.store.checkpoint()
         self.store.close()
         remove_store(self.state_dir)
@@ -343,7 +351,7 @@ class Session:
         if "error" in receipt:
             return self._abandon(intent, receipt)
         ends = receipt.pop(LINE_ENDS, None)
-        changes = self._reindex(target, rel)
+        changes, loose = self._reindex(target, rel)
         entry = {"tool": tool, "file": rel, **{k: v for k, v in details.items() if v is not None},
                  **{k: receipt[k] for k in ("at", "replaced", "blocks") if k in receipt},
                  "syntax": receipt.get("syntax"), "static_diff": changes}
@@ -355,17 +363,18 @@ class Session:
             self._drop_journal(intent)
         if "created" in receipt:
             receipt = {**receipt, "created": rel}
-        return {"file": rel, **receipt, "static_diff": changes, "step": n}
+        return {"file": rel, **receipt, "static_diff": changes, **loose, "step": n}
 
-    def _reindex(self, target: str, rel: str) -> dict:
-        """The static diff of a write; an indexer that fails on the new text keeps the file's old
-        record and says why instead."""
+    def _reindex(self, target: str, rel: str) -> tuple[dict, dict]:
+        """The static diff of a write and, under "dangling", what it removed that other files
+        still call; an indexer that fails on the new text keeps the file's old record and says
+        why instead."""
         assert self._live is not None
         try:
             before, after = self._live.reindex([target])
         except Exception as e:
-            return {"error": f"not re-indexed: {describe(e, rel)}"}
-        return editor.static_diff(before, after)
+            return {"error": f"not re-indexed: {describe(e, rel)}"}, {}
+        return editor.static_diff(before, after), _dangling(before, after)
 
     def _abandon(self, intent: dict, result: dict) -> dict:
         """Clears the mark of a call that wrote nothing."""
@@ -418,7 +427,7 @@ class Session:
                                                      "static_diff": changes})
                 store.add_step("delete", rel, time.time(), None, raw_before, n, {**result, IMAGE: image})
                 store.set_meta(REDO, None)
-                result = {**result, "static_diff": changes, "step": n}
+                result = {**result, "static_diff": changes, **_dangling(before, after), "step": n}
             self._commit()
             self._drop_journal(intent)
         return patch.relative(result, self.root)
@@ -563,7 +572,8 @@ class Session:
                 text_hash = None if text is None else store.put_blob(text.encode("utf-8"))
                 store.add_step(row["tool"], rel, time.time(), text_hash, raw_before, n,
                                {**json.loads(row["receipt"]), "redo_of": row["ledger_n"]})
-                redone.append({"step": n, "tool": row["tool"], "file": rel, "static_diff": changes})
+                redone.append({"step": n, "tool": row["tool"], "file": rel, "static_diff": changes,
+                               **_dangling(before, after)})
             store.set_meta(REDO, stack[:-steps] or None)
             self._commit()
             self._drop_journal(intent)
@@ -581,7 +591,7 @@ class Session:
         return {os.path.join(self.root, rel): None if key is None else self.store.get_blob(key).decode("utf-8")
                 for rel, key in self.store.touched()}
 
-    def _check(self, progress: Progress | None) -> dict:
+    def _check(self, progress: gate.Progress | None, cancel: gate.Cancel) -> dict:
         store = self.store
         kept, skipped = guards.split_checkable(self.root, self._touched_texts(), self.allow_hard_links)
         current = {path: data for path in kept if (data := journal.read_bytes(path)) is not None}
@@ -589,20 +599,16 @@ class Session:
             intent = {"kind": "check", "files": [journal.file_entry(store, self._rel(p), data, digest(data).hex())
                                                  for p, data in current.items()]}
             store.set_meta(journal.PENDING, intent)
-        findings: list[str] = []
         try:
             with journal.restoring_on_signal(current):
-                for done, (path, text) in enumerate(kept.items(), 1):
-                    try:
-                        findings += editor.commit_time_check({path: text})
-                    except (OSError, ValueError) as e:
-                        skipped.append(describe(e, self._rel(path)))
-                    if progress is not None:
-                        progress(done, len(kept), self._rel(path))
+                created = [path for path, text in kept.items() if text is None]
+                outcome = gate.check(self.root, kept, created, progress=progress, cancel=cancel)
         finally:
             journal.restore_exact(current)
             self._abandon(intent, {})
-        return {"findings": findings, **({"skipped": skipped} if skipped else {})}
+        skipped += [f"{item['path']}: {item['reason']}" for item in outcome["skipped"]]
+        return {"findings": outcome["findings"], "structured": outcome["structured"],
+                **({"skipped": skipped} if skipped else {}), **({"cancelled": True} if outcome["cancelled"] else {})}
 
     def _diff(self, form: str) -> dict:
         if form not in patch.FORMS:
