@@ -154,6 +154,8 @@ class Session:
 
     def _reset(self) -> dict:
         # Under the lock, after a call cut short was settled: its journal may go now.
+        if self._live is not None:
+            self._live.materialise()  # the new index reuses its records
         self.store.checkpoint()
         self.store.close()
         remove_store(self.state_dir)
