@@ -93,6 +93,9 @@ class Store:
         store = cls(conn, root, state_dir, busy_timeout)
         try:
             conn.execute("PRAGMA journal_mode=WAL")
+            # A call's pages stay in the log, copied to the database by the periodic checkpoint
+            # of a later commit, rather than by each short-lived process as it closes.
+            conn.setconfig(sqlite3.SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, True)
             conn.execute("PRAGMA synchronous=NORMAL")
             conn.execute("PRAGMA foreign_keys=ON")
             if conn.execute("PRAGMA user_version").fetchone()[0] == 0:
@@ -242,7 +245,7 @@ class Store:
             self.conn.executemany("DELETE FROM names WHERE rel=?", [(rel,) for rel in files])
         self.conn.executemany("INSERT INTO names VALUES(?, ?, ?, ?)",
                               [(group, short, sid, rel) for rel, record in files.items() if record is not None
-                               for group, short, sid in dict.fromkeys(rows(rel, record))])
+                               for group, short, sid in rows(rel, record)])
         self.set_meta(NAMES_OF, raw_id)
 
     def add_raw(self, parent: int | None, schema: Any, changes: dict[str, bytes | None],

@@ -311,11 +311,10 @@ class _Crowd:
 
 
 def callable_names(rel, record):
-    """(group, short name, symbol id) of each function, class and method of a record: what
-    call resolution looks up by short name."""
-    for qual, kind, _ in record.get("symbols") or ():
-        if kind != "constant":
-            yield "method" if kind == "method" else "def", qual.rpartition(".")[2], f"{rel}::{qual}"
+    """(group, short name, symbol id) of each function, class and method of a record, once
+    each however often the file defines it: what call resolution looks up by short name."""
+    return dict.fromkeys(("method" if kind == "method" else "def", qual.rpartition(".")[2], f"{rel}::{qual}")
+                         for qual, kind, _ in record.get("symbols") or () if kind != "constant")
 
 
 def _module_file_of(rels):
