@@ -93,9 +93,6 @@ class Store:
         store = cls(conn, root, state_dir, busy_timeout)
         try:
             conn.execute("PRAGMA journal_mode=WAL")
-            # A call's pages stay in the log, copied to the database by the periodic checkpoint
-            # of a later commit, rather than by each short-lived process as it closes.
-            conn.setconfig(sqlite3.SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, True)
             conn.execute("PRAGMA synchronous=NORMAL")
             conn.execute("PRAGMA foreign_keys=ON")
             if conn.execute("PRAGMA user_version").fetchone()[0] == 0:
