@@ -255,3 +255,17 @@ def test_reset_settles_a_call_cut_short_then_forgets_the_session(proj, monkeypat
     fresh = Session.open(str(proj))
     assert fresh.status()["depth"] == 0 and fresh.status()["touched"] == []
     assert "error" in fresh.rollback(1)
+
+
+def test_store_from_before_the_names_table_is_brought_up_to_date(proj):
+    s = Session.open(str(proj))
+    s.edit("a.py", 1, 1, "class A:\n    def run(self):\n        pass\n")
+    s.close()
+    with sqlite3.connect(projstore.project_dir(str(proj)) / STORE_NAME) as conn:
+        conn.executescript("DROP TABLE names; DELETE FROM meta WHERE key='names_of'; PRAGMA user_version=1;")
+    s = Session.open(str(proj))
+    assert s.create("d.py", "def h(x):\n    x.run()\n")["static_diff"]["edges_added"] == ["d.py::h -> a.py::A.run"]
+    s.close()
+    again = Session.open(str(proj))
+    assert again.edit("a.py", 2, 2, "    def go(self):\n")["static_diff"]["edges_removed"] == ["d.py::h -> a.py::A.run"]
+    again.close()
