@@ -32,13 +32,15 @@ def changed_files(old: dict, new: dict) -> dict[str, Any]:
 
 
 class StoredRecord(dict):
-    """A record of the store that reads itself on first look; until then it holds its key."""
+    """A record of the store that reads itself on first look (any of the ways below into a
+    dict); until then it holds its key."""
 
     __slots__ = ("key", "_fetch")
 
     def __init__(self, key: bytes, fetch: Callable[[bytes], dict]):
         super().__init__()
-        self.key, self._fetch = key, fetch
+        self.key = key
+        self._fetch: Callable[[bytes], dict] | None = fetch
 
     def _filled(self) -> "StoredRecord":
         fetch = self._fetch
@@ -193,9 +195,9 @@ class LiveIndex:
     def _save_names(self, store: Store) -> None:
         """Brings the store's names table to the current raw, in the same transaction as the raw."""
         assert self.raw_id is not None
-        whole = self._names_pending is None  # the table was of another raw: written whole, once
-        changes = self.raw["files"] if self._names_pending is None else self._names_pending
-        store.replace_names(self.raw_id, changes, srcatlas.callable_names, whole)
+        pending = self._names_pending  # None: the table was of another raw, written whole once
+        store.replace_names(self.raw_id, self.raw["files"] if pending is None else pending,
+                            srcatlas.callable_names, whole=pending is None)
         self._names_pending = {}
 
     def drop_missing(self, rels: list[str]) -> None:

@@ -19,6 +19,10 @@ from collections import Counter
 from .mentions import Reexports, key_words, words_of
 from .resolve import EMPTY_INFO, FileResolver, file_info, module_name
 
+# The ids of a name defined in up to this many places are read from `names`; of one defined in
+# more (helpers, `save`, `__init__`), only the count.
+_FEW = 4
+
 
 def enrich(raw: dict) -> dict:
     """The enriched map (edges, symbols, defs) of a raw IR, without reading any file."""
@@ -276,13 +280,11 @@ class Atlas:
             self._callers[callee].discard(caller)
 
 
-_FEW = 4
-
-
 class _Crowd:
     """The ids of a short name that many files define, as the count `names` gave and what moved
     since: such a name is only ever asked whether it is unique, which the count answers. A
-    switch only takes out ids that are there and only adds ids that are not."""
+    switch only takes out ids that are there and only adds ids that are not. The ids are read
+    only for the one left, from `names` as it is then (possibly already holding `added`)."""
 
     __slots__ = ("count", "added", "removed", "fetch")
 
