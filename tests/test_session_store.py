@@ -269,3 +269,13 @@ def test_store_from_before_the_names_table_is_brought_up_to_date(proj):
     again = Session.open(str(proj))
     assert again.edit("a.py", 2, 2, "    def go(self):\n")["static_diff"]["edges_removed"] == ["d.py::h -> a.py::A.run"]
     again.close()
+
+
+def test_reset_of_a_reopened_session_keeps_the_records_it_had_not_read(proj):
+    (proj / "a.py").write_text("class A:\n    def run(self):\n        pass\n")
+    (proj / "c.py").write_text("def h(x):\n    x.run()\n")
+    Session.open(str(proj)).close()
+    s = Session.open(str(proj))  # its records are still in the store, unread
+    assert "error" not in s.reset()
+    assert s.edit("a.py", 2, 2, "    def go(self):\n")["static_diff"]["edges_removed"] == ["c.py::h -> a.py::A.run"]
+    s.close()
