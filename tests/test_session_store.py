@@ -258,3 +258,27 @@ def test_reset_settles_a_call_cut_short_then_forgets_the_session(proj, monkeypat
     # An open session resets under its own lock and keeps working.
     assert "reset" in s.reset() and "step" in s.edit("a.py", 1, None, "A = 2\n")
     assert Session.open(str(proj)).status()["depth"] == 1
+
+
+def test_store_from_before_the_names_table_is_brought_up_to_date(proj):
+    s = Session.open(str(proj))
+    s.edit("a.py", 1, 1, "class A:\n    def run(self):\n        pass\n")
+    s.close()
+    with sqlite3.connect(projstore.project_dir(str(proj)) / STORE_NAME) as conn:
+        conn.executescript("DROP TABLE names; DELETE FROM meta WHERE key='names_of'; PRAGMA user_version=1;")
+    s = Session.open(str(proj))
+    assert s.create("d.py", "def h(x):\n    x.run()\n")["static_diff"]["edges_added"] == ["d.py::h -> a.py::A.run"]
+    s.close()
+    again = Session.open(str(proj))
+    assert again.edit("a.py", 2, 2, "    def go(self):\n")["static_diff"]["edges_removed"] == ["d.py::h -> a.py::A.run"]
+    again.close()
+
+
+def test_reset_of_a_reopened_session_keeps_the_records_it_had_not_read(proj):
+    (proj / "a.py").write_text("class A:\n    def run(self):\n        pass\n")
+    (proj / "c.py").write_text("def h(x):\n    x.run()\n")
+    Session.open(str(proj)).close()
+    s = Session.open(str(proj))  # its records are still in the store, unread
+    assert "error" not in s.reset()
+    assert s.edit("a.py", 2, 2, "    def go(self):\n")["static_diff"]["edges_removed"] == ["c.py::h -> a.py::A.run"]
+    s.close()

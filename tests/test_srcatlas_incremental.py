@@ -52,12 +52,28 @@ def diff(before, after):
     return editor.static_diff(before, after, 1000)
 
 
+def names_table(raw, cap):
+    """A lookup of the callable names of `raw` as a store's table answers it; `cap` lowers the
+    limit below which ids are handed out, so that the atlas also counts names it holds no ids of."""
+    table = {}
+    for rel, rec in raw["files"].items():
+        for group, short, sid in srcatlas.callable_names(rel, rec):
+            table.setdefault((group, short), {})[sid] = None
+
+    def lookup(group, short, limit):
+        ids = list(table.get((group, short), ()))
+        shown = limit is None or len(ids) <= min(limit, cap)
+        return len(ids), ids if shown else None
+    return lookup
+
+
+@pytest.mark.parametrize("cap", [None, 0, 2], ids=["records", "names-counted", "names-listed"])
 @settings(max_examples=150, deadline=None)
 @given(st.dictionaries(st.sampled_from(MODULES), module_text(), min_size=1),
        st.lists(st.tuples(st.sampled_from(MODULES), st.none() | module_text(), st.integers(0, 9)), max_size=6))
-def test_switching_matches_enriching_whole(start, changes):
+def test_switching_matches_enriching_whole(cap, start, changes):
     history = [{"schema": srcatlas.SCHEMA, "files": {rel: record(text) for rel, text in sorted(start.items())}}]
-    atlas = srcatlas.Atlas(history[0])
+    atlas = srcatlas.Atlas(history[0], None if cap is None else names_table(history[0], cap))
     for rel, text, back in changes:
         old = atlas.raw
         new = history[-1 - back] if back < len(history) and back % 3 == 2 else step(old, rel, text)

@@ -12,8 +12,8 @@ fragments are not files, and fifty checks would cost fifty parses.
 
 import contextlib
 import os
-from dataclasses import dataclass
 from pathlib import Path
+from typing import NamedTuple
 
 import editor
 from editor_session import anchors, lineends, patch, scratch, syntax
@@ -23,8 +23,7 @@ MAX_BLOCKS = 100
 MODES = ("replace", "insert_before", "insert_after")
 
 
-@dataclass(frozen=True)
-class Block:
+class Block(NamedTuple):
     """One block resolved to lines of the current text. `first`..`last` are the old lines the
     scratch file holds: the replaced lines, or for an insert the line it goes next to."""
     number: int
@@ -116,8 +115,7 @@ def _unchecked():
         editor.syntax_check = real
 
 
-@dataclass(frozen=True)
-class Piece:
+class Piece(NamedTuple):
     """What one block made of the old lines `first`..`last` (inclusive; `last` = `first` - 1
     for none: the block goes in above line `first`)."""
     block: Block

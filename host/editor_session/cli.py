@@ -21,9 +21,21 @@ EPILOG = ("exit status: 0 success, 1 refusal or unusable session, 2 usage error,
           "3 a problem reported (syntax breakage in a receipt, findings from the check)")
 
 
+class _Uncoloured(argparse.HelpFormatter):
+    def _set_color(self, color: bool) -> None:
+        pass
+
+
+class _Parser(argparse.ArgumentParser):
+    def _get_validation_formatter(self) -> argparse.HelpFormatter:
+        # Checking arguments as they are added needs no colours: their module costs ~8 ms at
+        # every start, and is now loaded only to print help or a usage error.
+        return _Uncoloured(prog=self.prog)
+
+
 def _parser() -> argparse.ArgumentParser:
-    parser = argparse.ArgumentParser(prog="editor-session", epilog=EPILOG,
-                                     description="Edit a project through the editor module, one tool call per run.")
+    parser = _Parser(prog="editor-session", epilog=EPILOG,
+                     description="Edit a project through the editor module, one tool call per run.")
     parser.add_argument("--root", required=True, help="the project directory")
     parser.add_argument("--json", action="store_true", help="print the full result as JSON")
     parser.add_argument("--allow-hard-links", action="store_true",
@@ -33,7 +45,8 @@ def _parser() -> argparse.ArgumentParser:
     parser.add_argument("--debug", action="store_true", help="show tracebacks of internal errors")
     parser.add_argument("--keep-line-ends", choices=("yes", "no"), default="yes",
                         help="keep each file's CRLF/CR line ends and BOM across writes (default yes)")
-    tools = parser.add_subparsers(dest="tool", required=True)
+    # Given its prog, the tool's parser is made without formatting a usage line (colours again).
+    tools = parser.add_subparsers(dest="tool", required=True, prog=parser.prog)
     read = tools.add_parser("read", help="numbered lines of a file, its line count and its tag")
     read.add_argument("path")
     read.add_argument("--start", type=int, default=1)

@@ -14,7 +14,6 @@ import contextlib
 import os
 import signal
 import threading
-from dataclasses import dataclass, field
 from typing import Iterator
 
 from . import guards
@@ -57,14 +56,14 @@ def write_back(abs_path: str, data: bytes | None) -> None:
         handle.write(data)
 
 
-@dataclass
 class Settlement:
     """What recovery found: whether the interrupted call counts as finished, and its notes."""
-    kind: str
-    finished: bool
-    consumed: int = 0
-    notes: list[str] = field(default_factory=list)
-    paths: list[str] = field(default_factory=list)
+
+    def __init__(self, kind: str, finished: bool, consumed: int = 0, notes: list[str] | None = None,
+                 paths: list[str] | None = None):
+        self.kind, self.finished, self.consumed = kind, finished, consumed
+        self.notes: list[str] = [] if notes is None else notes
+        self.paths: list[str] = [] if paths is None else paths
 
 
 def settle(store: Store, root: str, intent: dict, unflagged_now: int) -> Settlement:

@@ -160,8 +160,8 @@ class Session:
 
     def _reset(self) -> dict:
         # Under the lock, after a call cut short was settled: its journal may go now.
-        assert self._live is not None
-        _ = self._live.raw  # its records are read while their store is open; the new index reuses them
+        if self._live is not None:
+            self._live.materialise()  # the new index reuses its records
         self.store.checkpoint()
         self.store.close()
         remove_store(self.state_dir)

@@ -20,16 +20,24 @@ import sqlite3
 import time
 import zlib
 from pathlib import Path
-from typing import Any, Iterator
+from typing import Any, Callable, Iterable, Iterator
 
-SCHEMA_VERSION = 1
+SCHEMA_VERSION = 2
 STORE_NAME = "session.sqlite3"
 LOCK_NAME = "session.lock"
 CHECKPOINT_EVERY = 200
 DEFAULT_BUSY_TIMEOUT = 30.0
+NAMES_OF = "names_of"
 RESET_HINT = "run 'editor-session --root {root} reset' to start a new session (project files are not touched)"
 
-_SCHEMA = """
+# The callable symbols of the live raw by short name, so that a process can resolve calls
+# without reading every record; meta "names_of" is the raw id the rows belong to.
+_NAMES = """
+CREATE TABLE names(grp TEXT NOT NULL, short TEXT NOT NULL, sid TEXT NOT NULL, rel TEXT NOT NULL);
+CREATE INDEX names_by_short ON names(grp, short);
+CREATE INDEX names_by_rel ON names(rel);
+"""
+_SCHEMA = _NAMES + """
 CREATE TABLE meta(key TEXT PRIMARY KEY, value TEXT NOT NULL);
 CREATE TABLE blobs(hash BLOB PRIMARY KEY, data BLOB NOT NULL);
 CREATE TABLE records(hash BLOB PRIMARY KEY, data BLOB NOT NULL);
@@ -92,6 +100,11 @@ class Store:
                     if conn.execute("PRAGMA user_version").fetchone()[0] == 0:
                         conn.executescript(f"BEGIN IMMEDIATE;{_SCHEMA}PRAGMA user_version={SCHEMA_VERSION};COMMIT;")
             version = conn.execute("PRAGMA user_version").fetchone()[0]
+            if version == 1:  # a store from before the names table: the next save fills it
+                with contextlib.nullcontext() if lock_held else store.locked():
+                    if conn.execute("PRAGMA user_version").fetchone()[0] == 1:
+                        conn.executescript(f"BEGIN IMMEDIATE;{_NAMES}PRAGMA user_version={SCHEMA_VERSION};COMMIT;")
+                version = conn.execute("PRAGMA user_version").fetchone()[0]
             if version != SCHEMA_VERSION:
                 raise SessionError(f"session store {path} has schema version {version}, this editor-session "
                                    f"reads version {SCHEMA_VERSION} -- {hint}")
@@ -197,15 +210,40 @@ class Store:
         self.conn.execute("INSERT OR IGNORE INTO records VALUES(?, ?)", (key, zlib.compress(data, 1)))
         return key
 
-    def get_records(self, keys: set[bytes]) -> dict[bytes, dict]:
-        found: dict[bytes, dict] = {}
-        ordered = list(keys)
-        for start in range(0, len(ordered), 500):
-            chunk = ordered[start:start + 500]
-            marks = ",".join("?" * len(chunk))
-            for key, data in self.conn.execute(f"SELECT hash, data FROM records WHERE hash IN ({marks})", chunk):
-                found[key] = marshal.loads(zlib.decompress(data))
-        return found
+    def get_record(self, key: bytes) -> dict:
+        row = self.conn.execute("SELECT data FROM records WHERE hash=?", (key,)).fetchone()
+        if row is None:
+            raise SessionError(f"session store {self.path} lacks an index record it refers to -- "
+                               + RESET_HINT.format(root=self.root))
+        return marshal.loads(zlib.decompress(row[0]))
+
+    # --- the names of the live raw -----------------------------------------------------
+
+    def names_of(self) -> int | None:
+        """The raw id the names table holds the symbols of."""
+        return self.get_meta(NAMES_OF)
+
+    def symbol_ids(self, group: str, short: str, limit: int | None) -> tuple[int, list[str] | None]:
+        """How many symbols of the live raw have that short name, and their ids unless there
+        are more than `limit`."""
+        query = "FROM names WHERE grp=? AND short=?"
+        count = self.conn.execute(f"SELECT count(*) {query}", (group, short)).fetchone()[0]
+        if limit is not None and count > limit:
+            return count, None
+        return count, [sid for sid, in self.conn.execute(f"SELECT sid {query}", (group, short))]
+
+    def replace_names(self, raw_id: int, files: dict[str, Any], rows: Callable[[str, Any], Iterable[tuple]],
+                      whole: bool) -> None:
+        """Makes the table hold the names of raw `raw_id`: `files` ({rel: record, or None when
+        gone}) replaces what the table holds for those files, or, when `whole`, everything."""
+        if whole:
+            self.conn.execute("DELETE FROM names")
+        else:
+            self.conn.executemany("DELETE FROM names WHERE rel=?", [(rel,) for rel in files])
+        self.conn.executemany("INSERT INTO names VALUES(?, ?, ?, ?)",
+                              [(group, short, sid, rel) for rel, record in files.items() if record is not None
+                               for group, short, sid in rows(rel, record)])
+        self.set_meta(NAMES_OF, raw_id)
 
     def add_raw(self, parent: int | None, schema: Any, changes: dict[str, bytes | None],
                 full: dict[str, bytes] | None = None) -> int:

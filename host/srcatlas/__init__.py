@@ -5,7 +5,7 @@ IR into the enriched map the static diff reads, and `Atlas` keeps that map up to
 IR moves, re-doing only the files a change can reach.
 """
 
-from .atlas import Atlas, enrich
+from .atlas import Atlas, callable_names, enrich
 from .records import SCHEMA, _index_file, build, update
 
-__all__ = ["SCHEMA", "Atlas", "build", "enrich", "update", "_index_file"]
+__all__ = ["SCHEMA", "Atlas", "build", "callable_names", "enrich", "update", "_index_file"]

@@ -8,13 +8,20 @@ depend on other files, through the dependency keys its resolution recorded.
 
 A file is resolved when something needs its edges: a change that may concern it (see
 `mentions`), `callers`, or the whole map. Opening an atlas over a large project therefore costs
-one pass over the records' symbols, not the resolution of every call.
+one pass over the records' symbols, not the resolution of every call; given `names` (the symbols
+each short name has in that raw IR, as a store keeps them: `names(group, short, limit)` gives their
+count and, when there are no more than `limit` or `limit` is None, their ids), one pass over the
+file names, and a record is looked at only when a change or a resolution reaches it.
 """
 
 from collections import Counter
 
 from .mentions import Reexports, key_words, words_of
 from .resolve import EMPTY_INFO, FileResolver, file_info, module_name
+
+# The ids of a name defined in up to this many places are read from `names`; of one defined in
+# more (helpers, `save`, `__init__`), only the count.
+_FEW = 4
 
 
 def enrich(raw: dict) -> dict:
@@ -25,8 +32,9 @@ def enrich(raw: dict) -> dict:
 class Atlas:
     """Incremental state over one raw IR; `switch` moves it to another raw IR."""
 
-    def __init__(self, raw: dict):
+    def __init__(self, raw: dict, names=None):
         self.raw = raw
+        self._lookup = names          # callable (group, short name, limit) -> (count, ids or None), or None
         self._files = raw["files"]
         self._infos = {}              # rel -> (record, FileInfo)
         self._words = {}              # rel -> (record, names it mentions)
@@ -40,8 +48,17 @@ class Atlas:
         self._callers = {}            # callee id -> set of caller ids
         self._reexports = None        # built on the first change that moves a name
         self._whole = None
-        for rel, record in self._files.items():
-            self._index(rel, record, True)
+        for rel in self._files:
+            dotted = module_name(rel)
+            if dotted:
+                self._modules.setdefault(dotted, set()).add(rel)
+        for dotted, rels in self._modules.items():
+            self._module_files[dotted] = _module_file_of(rels)
+        self._namespaces.update(prefix for dotted, rels in self._modules.items()
+                                for prefix in _prefixes(dotted) for _ in rels)
+        if names is None:
+            for rel, record in self._files.items():
+                self._index_names(rel, record, True)
 
     # --- what the resolver asks ------------------------------------------------------
 
@@ -55,8 +72,8 @@ class Atlas:
         return self._namespaces[dotted] > 0
 
     def unique(self, group: str, name: str) -> str | None:
-        ids = self._by_name.get((group, name))
-        return next(iter(ids)) if ids and len(ids) == 1 else None
+        ids = self._ids((group, name))
+        return next(iter(ids)) if len(ids) == 1 else None
 
     # --- the public surface ------------------------------------------------------------
 
@@ -211,24 +228,40 @@ class Atlas:
 
     def _index(self, rel, record, add):
         """Adds a record's modules and callable symbols to the name indexes, or takes them out."""
-        if record is None:
-            return
+        if record is not None:
+            self._index_module(rel, add)
+            self._index_names(rel, record, add)
+
+    def _index_module(self, rel, add):
         dotted = module_name(rel)
         if dotted:
             rels = self._modules.setdefault(dotted, set())
             (rels.add if add else rels.discard)(rel)
             if rels:
-                # A package shadows a module of the same name, as on import.
-                self._module_files[dotted] = min(rels, key=lambda r: (not r.endswith("/__init__.py"), r))
+                self._module_files[dotted] = _module_file_of(rels)
             else:
                 self._module_files.pop(dotted, None)
             for prefix in _prefixes(dotted):
                 self._namespaces[prefix] += 1 if add else -1
-        by_name = self._by_name
-        for qual, kind, _ in record.get("symbols") or ():
-            if kind != "constant":
-                ids = by_name.setdefault(("method" if kind == "method" else "def", qual.rpartition(".")[2]), set())
-                (ids.add if add else ids.discard)(f"{rel}::{qual}")
+
+    def _index_names(self, rel, record, add):
+        for group, short, sid in callable_names(rel, record):
+            ids = self._ids((group, short))
+            (ids.add if add else ids.discard)(sid)
+
+    def _ids(self, key):
+        """The symbol ids a short name has now. A name is read from `names` when first asked
+        for; every name a switch moves is read before it is moved, so the ones never read still
+        answer as `names` does."""
+        ids = self._by_name.get(key)
+        if ids is None:
+            if self._lookup is None:
+                ids = set()
+            else:
+                count, found = self._lookup(*key, _FEW)
+                ids = set(found) if found is not None else _Crowd(count, lambda: self._lookup(*key, None)[1])
+            self._by_name[key] = ids
+        return ids
 
     def _resolve(self, rel):
         self._unresolve(rel)
@@ -245,6 +278,52 @@ class Atlas:
             self._dependents[key].discard(rel)
         for caller, callee in self._edges.pop(rel, ()):
             self._callers[callee].discard(caller)
+
+
+class _Crowd:
+    """The ids of a short name that many files define, as the count `names` gave and what moved
+    since: such a name is only ever asked whether it is unique, which the count answers. A
+    switch only takes out ids that are there and only adds ids that are not. The ids are read
+    only for the one left, from `names` as it is then (possibly already holding `added`)."""
+
+    __slots__ = ("count", "added", "removed", "fetch")
+
+    def __init__(self, count, fetch):
+        self.count, self.added, self.removed, self.fetch = count, set(), set(), fetch
+
+    def add(self, sid):
+        if sid in self.removed:
+            self.removed.discard(sid)
+        else:
+            self.added.add(sid)
+
+    def discard(self, sid):
+        if sid in self.added:
+            self.added.discard(sid)
+        else:
+            self.removed.add(sid)
+
+    def __len__(self):
+        return self.count - len(self.removed) + len(self.added)
+
+    def __iter__(self):
+        yield from self.added
+        if self.count > len(self.removed):
+            yield from (sid for sid in self.fetch() if sid not in self.removed)
+
+
+def callable_names(rel, record):
+    """(group, short name, symbol id) of each function, class and method of a record, once
+    each however often the file defines it: what call resolution looks up by short name."""
+    return dict.fromkeys(("method" if kind == "method" else "def", qual.rpartition(".")[2], f"{rel}::{qual}")
+                         for qual, kind, _ in record.get("symbols") or () if kind != "constant")
+
+
+def _module_file_of(rels):
+    """The file an import of a module loads: a package shadows a module of the same name."""
+    if len(rels) == 1:
+        return next(iter(rels))
+    return min(rels, key=lambda r: (not r.endswith("/__init__.py"), r))
 
 
 def _prefixes(dotted):

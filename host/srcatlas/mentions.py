@@ -44,9 +44,13 @@ class Reexports:
         self._locals = {}
 
     def add(self, rel: str, record: dict, sign: int = 1) -> None:
+        locals_ = self._locals
         for local, (module, attr) in (record.get("imports") or {}).items():
             for word in _import_words(rel, module, attr):
-                self._locals.setdefault(word, Counter())[local] += sign
+                counts = locals_.get(word)
+                if counts is None:
+                    counts = locals_[word] = Counter()
+                counts[local] += sign
 
     def remove(self, rel: str, record: dict) -> None:
         self.add(rel, record, -1)
