@@ -10,9 +10,9 @@
 #include "edits/edits.hpp"
 #include "edits/file_io.hpp"
 #include "edits/line_layout.hpp"
-#include "editor/host.hpp"
-#include "editor/pathlib.hpp"
-#include "editor/result.hpp"
+#include "editor/host/ns.hpp"
+#include "editor/host/pathlib.hpp"
+#include "editor/host/result.hpp"
 #include "paths/paths.hpp"
 
 namespace editor::edits {

@@ -14,7 +14,7 @@
 #include "edits/beneath.hpp"
 #include "edits/file_io.hpp"
 #include "edits/remove_tree.hpp"
-#include "editor/host.hpp"
+#include "editor/host/ns.hpp"
 
 namespace editor::edits {
 namespace {

@@ -3,7 +3,7 @@
 
 #include "edits/edits.hpp"
 #include "editor/method.hpp"
-#include "editor/host.hpp"
+#include "editor/call.hpp"
 #include "module/methods.hpp"
 
 namespace editor::methods {

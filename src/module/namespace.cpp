@@ -2,7 +2,7 @@
 #include <Python.h>
 
 #include "editor/boundary.hpp"
-#include "editor/host.hpp"
+#include "editor/host/ns.hpp"
 #include "module/constants.hpp"
 #include "module/methods.hpp"
 #include "module/namespace.hpp"

@@ -8,7 +8,7 @@
 
 #include <vector>
 
-#include "editor/host.hpp"
+#include "editor/call.hpp"
 #include "parse/parse.hpp"
 
 namespace editor::parse {

@@ -1,7 +1,7 @@
 // Which grammar checks a file, and the web code held in Python string literals.
 #include <Python.h>
 
-#include "editor/host.hpp"
+#include "editor/host/ns.hpp"
 #include "editor/unpack.hpp"
 #include "parse/error_counts.hpp"
 #include "parse/parse.hpp"

@@ -9,8 +9,8 @@
 #include <array>
 #include <tuple>
 
-#include "editor/host.hpp"
-#include "editor/pathlib.hpp"
+#include "editor/host/ns.hpp"
+#include "editor/host/pathlib.hpp"
 #include "editor/unpack.hpp"
 #include "parse/parse.hpp"
 

@@ -3,7 +3,7 @@
 // removed or replaced while the host runs is seen at the next check.
 #include <Python.h>
 
-#include "editor/host.hpp"
+#include "editor/host/ns.hpp"
 #include "parse/error_counts.hpp"
 #include "parse/parse.hpp"
 

@@ -1,6 +1,6 @@
 #include <Python.h>
 
-#include "editor/host.hpp"
+#include "editor/host/ns.hpp"
 #include "paths/paths.hpp"
 
 namespace editor::paths {

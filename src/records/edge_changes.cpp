@@ -10,7 +10,7 @@
 #include <cstdint>
 #include <vector>
 
-#include "editor/host.hpp"
+#include "editor/call.hpp"
 #include "records/edge_changes.hpp"
 #include "records/objects.hpp"
 #include "records/sorted_head.hpp"

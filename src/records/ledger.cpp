@@ -5,11 +5,11 @@
 
 #include <algorithm>
 
-#include "editor/host.hpp"
-#include "editor/result.hpp"
+#include "editor/host/ns.hpp"
+#include "editor/host/result.hpp"
 #include "records/objects.hpp"
 #include "records/records.hpp"
-#include "editor/pathlib.hpp"
+#include "editor/host/pathlib.hpp"
 
 namespace editor::records {
 namespace {

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <initializer_list>
 
-#include "editor/host.hpp"
+#include "editor/call.hpp"
 #include "editor/unpack.hpp"
 #include "records/objects.hpp"
 

@@ -2,10 +2,10 @@
 // which order, under which names, and how the pieces are joined.
 #include <Python.h>
 
-#include "editor/host.hpp"
+#include "editor/host/ns.hpp"
 #include "records/objects.hpp"
 #include "records/records.hpp"
-#include "editor/pathlib.hpp"
+#include "editor/host/pathlib.hpp"
 
 namespace editor::records {
 namespace {

@@ -1,7 +1,7 @@
 #include <Python.h>
 
-#include "editor/host.hpp"
-#include "editor/result.hpp"
+#include "editor/call.hpp"
+#include "editor/host/result.hpp"
 #include "records/edge_changes.hpp"
 #include "records/objects.hpp"
 #include "records/records.hpp"

@@ -9,7 +9,7 @@
 #include <optional>
 #include <vector>
 
-#include "editor/host.hpp"
+#include "editor/call.hpp"
 #include "editor/unpack.hpp"
 #include "records/objects.hpp"
 #include "records/sorted_head.hpp"

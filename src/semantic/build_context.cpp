@@ -1,7 +1,7 @@
 #include <Python.h>
 
-#include "editor/host.hpp"
-#include "editor/pathlib.hpp"
+#include "editor/host/ns.hpp"
+#include "editor/host/pathlib.hpp"
 #include "semantic/semantic.hpp"
 
 namespace editor::semantic {

@@ -1,6 +1,6 @@
 #include <Python.h>
 
-#include "editor/host.hpp"
+#include "editor/host/ns.hpp"
 #include "editor/unpack.hpp"
 #include "semantic/finally.hpp"
 #include "semantic/semantic.hpp"

@@ -2,10 +2,10 @@
 
 #include "editor/args.hpp"
 #include "editor/boundary.hpp"
-#include "editor/host.hpp"
+#include "editor/host/ns.hpp"
 #include "editor/unpack.hpp"
 #include "semantic/finally.hpp"
-#include "editor/pathlib.hpp"
+#include "editor/host/pathlib.hpp"
 #include "semantic/semantic.hpp"
 
 namespace editor::semantic {

@@ -4,7 +4,7 @@
 #pragma once
 #include <Python.h>
 
-#include "editor/host.hpp"
+#include "editor/host/ns.hpp"
 
 namespace editor {
 

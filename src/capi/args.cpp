@@ -1,3 +1,5 @@
+// The binder behind args.hpp: matches a vectorcall to named parameters with the messages a
+// Python `def` gives.
 #include <Python.h>
 
 #include <string>

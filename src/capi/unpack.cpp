@@ -1,3 +1,4 @@
+// The unpacking behind unpack.hpp, with the interpreter's own messages.
 #include <Python.h>
 
 #include "editor/unpack.hpp"

@@ -1,0 +1,28 @@
+// The host's names as the module sees them: looked up in the module namespace at the moment of
+// the call, so a host that replaces a module attribute changes what the operations use.
+#pragma once
+#include <Python.h>
+
+#include "editor/call.hpp"
+
+namespace editor {
+
+// The module's current binding of `name`; NameError, as for a Python global, when unbound.
+[[nodiscard]] inline Ref ns(PyObject* module, const char* name) {
+    Ref value;
+    if (!check_bool(PyDict_GetItemStringRef(PyModule_GetDict(module), name, value.out()))) {
+        PyErr_Format(PyExc_NameError, "name '%s' is not defined", name);
+        throw PyError::fetch();
+    }
+    return value;
+}
+
+// `module.<first>.<rest>...` resolved now, e.g. ns_attr(m, "os", "path", "realpath").
+template <typename... Names>
+[[nodiscard]] Ref ns_attr(PyObject* module, const char* first, Names... rest) {
+    Ref value = ns(module, first);
+    ((value = attr(value.get(), rest)), ...);
+    return value;
+}
+
+}  // namespace editor
