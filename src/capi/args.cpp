@@ -2,6 +2,7 @@
 // Python `def` gives.
 #include <Python.h>
 
+#include <cstring>
 #include <string>
 
 #include "editor/args.hpp"
@@ -24,7 +25,7 @@ namespace {
 }
 
 // "'a'", "'a' and 'b'", "'a', 'b', and 'c'": the listing a Python def uses.
-[[noreturn]] void missing(const char* function, const char* const* params, std::size_t required,
+[[noreturn]] void missing(const char* function, const Param* params, std::size_t required,
                           PyObject** out) {
     std::size_t total = 0;
     for (std::size_t i = 0; i < required; ++i) total += out[i] == nullptr;
@@ -34,7 +35,7 @@ namespace {
         if (out[i] != nullptr) continue;
         if (listed > 0) names += total == 2 ? " and " : (listed + 1 == total ? ", and " : ", ");
         names += '\'';
-        names += params[i];
+        names += params[i].name;
         names += '\'';
         ++listed;
     }
@@ -43,10 +44,19 @@ namespace {
     throw PyError::fetch();
 }
 
+// The value of a default written as a Python literal (see Param).
+Ref literal_value(const char* literal) {
+    if (std::strcmp(literal, "None") == 0) return Ref::borrow(Py_None);
+    if (literal[0] == '\'') {
+        return check(PyUnicode_FromStringAndSize(literal + 1, static_cast<Py_ssize_t>(std::strlen(literal)) - 2));
+    }
+    return check(PyLong_FromString(literal, nullptr, 10));
+}
+
 }  // namespace
 
-void bind(const char* function, const char* const* params, std::size_t count, std::size_t required,
-          const Args& args, PyObject** out) {
+void bind(const char* function, const Param* params, std::size_t count, std::size_t required,
+          const Args& args, PyObject** out, Ref* defaults) {
     const Py_ssize_t given = PyVectorcall_NARGS(args.nargsf);
     if (given > static_cast<Py_ssize_t>(count)) too_many_positional(function, count, required, given);
     for (Py_ssize_t i = 0; i < given; ++i) out[i] = args.args[i];
@@ -55,14 +65,14 @@ void bind(const char* function, const char* const* params, std::size_t count, st
     for (Py_ssize_t k = 0; k < keywords; ++k) {
         PyObject* name = PyTuple_GET_ITEM(args.kwnames, k);
         std::size_t index = 0;
-        while (index < count && !PyUnicode_EqualToUTF8(name, params[index])) ++index;
+        while (index < count && !PyUnicode_EqualToUTF8(name, params[index].name)) ++index;
         if (index == count) {
             PyErr_Format(PyExc_TypeError, "%s() got an unexpected keyword argument '%U'", function, name);
             throw PyError::fetch();
         }
         if (out[index] != nullptr) {
             PyErr_Format(PyExc_TypeError, "%s() got multiple values for argument '%s'", function,
-                         params[index]);
+                         params[index].name);
             throw PyError::fetch();
         }
         out[index] = args.args[given + k];
@@ -70,6 +80,9 @@ void bind(const char* function, const char* const* params, std::size_t count, st
 
     for (std::size_t i = 0; i < required; ++i) {
         if (out[i] == nullptr) missing(function, params, required, out);
+    }
+    for (std::size_t i = required; i < count; ++i) {
+        if (out[i] == nullptr) out[i] = (defaults[i] = literal_value(params[i].fallback)).get();
     }
 }
 

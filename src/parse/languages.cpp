@@ -46,7 +46,7 @@ Ref web_error_counts(PyObject* module, PyObject* text) {
         auto [kind, region_text, base_line] = unpack<3>(region.get());
         Ref lang = lookup(ns(module, "_WEB_KIND_LANG").get(), kind.get());
         if (lang.get() == Py_None) continue;
-        Ref error = call(ns(module, "_treesitter_error").get(), lang.get(), region_text.get());
+        Ref error = call(ns(module, treesitter_error_sig).get(), lang.get(), region_text.get());
         if (error.get() == Py_None) continue;
         // Each broken region counts once, under the kind of its first error.
         auto [rel_line, what] = unpack<2>(error.get());

@@ -59,7 +59,7 @@ Ref treesitter_error(PyObject* module, PyObject* language, PyObject* text) {
     if (!tree) return Ref::borrow(Py_None);
     Ref root = broken_root(tree.get());
     if (!root) return Ref::borrow(Py_None);
-    Ref node = call(ns(module, "_first_error_node").get(), root.get());
+    Ref node = call(ns(module, first_error_node_sig).get(), root.get());
     if (node.get() == Py_None) return node;
     Ref what = description(node.get());
     Ref line = line_of(node.get());
@@ -73,7 +73,7 @@ Ref treesitter_error_counts(PyObject* module, PyObject* language, PyObject* text
     Ref root = broken_root(tree.get());
     if (!root) return counts.pair();
     Ref nodes = check(PyList_New(0));
-    Ref ignored = call(ns(module, "_all_error_nodes").get(), root.get(), nodes.get());
+    Ref ignored = call(ns(module, all_error_nodes_sig).get(), root.get(), nodes.get());
     Ref each = check(PyObject_GetIter(nodes.get()));
     Ref node;
     while (check_bool(PyIter_NextItem(each.get(), (node = Ref()).out()))) {

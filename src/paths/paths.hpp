@@ -2,9 +2,15 @@
 #pragma once
 #include <Python.h>
 
+#include "editor/args.hpp"
 #include "editor/ref.hpp"
 
 namespace editor::paths {
+
+// The Python declarations: names, parameters and defaults, read by the bindings and by the
+// operations that call one another through the module namespace.
+inline constexpr Signature within_root_sig{"_within_root", "root", "path"};
+inline constexpr Signature resolve_target_sig{"resolve_target", "root", "path_str", "known_paths"};
 
 // True when `path` is the root itself or lies below it, symbolic links resolved.
 bool within_root(PyObject* module, PyObject* root, PyObject* path);

@@ -31,7 +31,7 @@ bool within_root(PyObject* module, PyObject* root, PyObject* path) {
 }
 
 bool confined(PyObject* module, PyObject* root, PyObject* path) {
-    Ref inside = call(ns(module, "_within_root").get(), root, path);
+    Ref inside = call(ns(module, within_root_sig).get(), root, path);
     return check_bool(PyObject_IsTrue(inside.get()));
 }
 

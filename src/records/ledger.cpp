@@ -65,7 +65,7 @@ Ref ledger_load(PyObject* module, PyObject* root) {
 }
 
 Ref ledger_append(PyObject* module, PyObject* root, PyObject* entry) {
-    Ref steps = call(ns(module, "ledger_load").get(), root);
+    Ref steps = call(ns(module, ledger_load_sig).get(), root);
     Ref step = copy_of_mapping(entry);
     Ref n = check(PyLong_FromSsize_t(check_value(PyObject_Size(steps.get())) + 1));
     Ref ts = call(ns_attr(module, "time", "time").get());
@@ -81,7 +81,7 @@ void ledger_mark_rolled_back(PyObject* module, PyObject* root, PyObject* count_a
     // which is at least 1, so anything smaller is a slip that must not flag older steps (as a
     // trailing slice from -count would). The ledger is still rewritten, as on every call.
     const Py_ssize_t count = clamped_index(count_arg);
-    Ref steps = call(ns(module, "ledger_load").get(), root);
+    Ref steps = call(ns(module, ledger_load_sig).get(), root);
     Ref key = str("rolled_back");
     Ref get = str("get");
     Ref unflagged = check(PyList_New(0));

@@ -3,6 +3,9 @@
 #pragma once
 #include <Python.h>
 
+#include <cstddef>
+
+#include "editor/args.hpp"
 #include "editor/call.hpp"
 
 namespace editor {
@@ -15,6 +18,12 @@ namespace editor {
         throw PyError::fetch();
     }
     return value;
+}
+
+// The module's current binding of the function `callee` declares.
+template <std::size_t N>
+[[nodiscard]] Ref ns(PyObject* module, const Signature<N>& callee) {
+    return ns(module, callee.function);
 }
 
 // `module.<first>.<rest>...` resolved now, e.g. ns_attr(m, "os", "path", "realpath").
