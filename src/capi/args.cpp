@@ -15,13 +15,11 @@ namespace {
                                       Py_ssize_t given) {
     const char* verb = given == 1 ? "was" : "were";
     if (required == count) {
-        PyErr_Format(PyExc_TypeError, "%s() takes %zu positional argument%s but %zd %s given", function,
-                     count, count == 1 ? "" : "s", given, verb);
-    } else {
-        PyErr_Format(PyExc_TypeError, "%s() takes from %zu to %zu positional arguments but %zd %s given",
-                     function, required, count, given, verb);
+        raise_format(PyExc_TypeError, "%s() takes %zu positional argument%s but %zd %s given", function, count,
+                     count == 1 ? "" : "s", given, verb);
     }
-    throw PyError::fetch();
+    raise_format(PyExc_TypeError, "%s() takes from %zu to %zu positional arguments but %zd %s given", function,
+                 required, count, given, verb);
 }
 
 // "'a'", "'a' and 'b'", "'a', 'b', and 'c'": the listing a Python def uses.
@@ -39,9 +37,8 @@ namespace {
         names += '\'';
         ++listed;
     }
-    PyErr_Format(PyExc_TypeError, "%s() missing %zu required positional argument%s: %s", function, total,
+    raise_format(PyExc_TypeError, "%s() missing %zu required positional argument%s: %s", function, total,
                  total == 1 ? "" : "s", names.c_str());
-    throw PyError::fetch();
 }
 
 // The value of a default written as a Python literal (see Param).
@@ -67,13 +64,11 @@ void bind(const char* function, const Param* params, std::size_t count, std::siz
         std::size_t index = 0;
         while (index < count && !PyUnicode_EqualToUTF8(name, params[index].name)) ++index;
         if (index == count) {
-            PyErr_Format(PyExc_TypeError, "%s() got an unexpected keyword argument '%U'", function, name);
-            throw PyError::fetch();
+            raise_format(PyExc_TypeError, "%s() got an unexpected keyword argument '%U'", function, name);
         }
         if (out[index] != nullptr) {
-            PyErr_Format(PyExc_TypeError, "%s() got multiple values for argument '%s'", function,
+            raise_format(PyExc_TypeError, "%s() got multiple values for argument '%s'", function,
                          params[index].name);
-            throw PyError::fetch();
         }
         out[index] = args.args[given + k];
     }
@@ -92,9 +87,8 @@ namespace editor {
 
 void require_str(const char* function, const char* param, PyObject* value, bool none_allowed) {
     if (PyUnicode_Check(value) || (none_allowed && value == Py_None)) return;
-    PyErr_Format(PyExc_TypeError, "%s() argument '%s' must be str%s, not %s", function, param,
-                 none_allowed ? " or None" : "", value == Py_None ? "None" : Py_TYPE(value)->tp_name);
-    throw PyError::fetch();
+    const std::string what = std::string(function) + "() argument '" + param + "'";
+    raise_wrong_type(what.c_str(), none_allowed ? "str or None" : "str", value);
 }
 
 }  // namespace editor

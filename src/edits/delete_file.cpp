@@ -2,7 +2,7 @@
 
 #include "edits/edits.hpp"
 #include "edits/file_io.hpp"
-#include "editor/call.hpp"
+#include "editor/host/pathlib.hpp"
 #include "editor/host/result.hpp"
 #include "paths/paths.hpp"
 

@@ -32,7 +32,7 @@ Ref native_language(PyObject* module, PyObject* ext) {
     Ref langtable = check(PyImport_ImportModule("langtable"));
     Ref table = attr(langtable.get(), "EXTENSION_TO_LANGUAGE");
     Ref hosted = lookup(table.get(), ext);
-    if (check_bool(PyObject_IsTrue(hosted.get()))) return hosted;
+    if (truthy(hosted.get())) return hosted;
     return lookup(ns(module, "_WEB_EXT_LANG").get(), ext);
 }
 

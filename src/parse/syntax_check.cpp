@@ -28,8 +28,6 @@ Ref fstring(const char* format, Objects... fields) {
 
 Ref ok() { return str("ok"); }
 
-bool truthy(PyObject* value) { return check_bool(PyObject_IsTrue(value)); }
-
 // `compile` as the module body's code would find it: a module global first, then the builtins.
 Ref host_compile(PyObject* module) {
     Ref found;

@@ -35,12 +35,12 @@ Ref parse(PyObject* language, PyObject* text) {
 Ref broken_root(PyObject* tree) {
     Ref root = attr(tree, "root_node");
     Ref has_error = attr(root.get(), "has_error");
-    return check_bool(PyObject_IsTrue(has_error.get())) ? std::move(root) : Ref();
+    return truthy(has_error.get()) ? std::move(root) : Ref();
 }
 
 Ref description(PyObject* node) {
     Ref missing = attr(node, "is_missing");
-    return str(check_bool(PyObject_IsTrue(missing.get())) ? "missing bracket/token" : "unexpected syntax");
+    return str(truthy(missing.get()) ? "missing bracket/token" : "unexpected syntax");
 }
 
 // start_point[0] + 1: tree-sitter rows are 0-based.

@@ -22,4 +22,8 @@ bool confined(PyObject* module, PyObject* root, PyObject* path);
 // An absolute path (str) for a model-supplied path, or a refusal dict.
 Ref resolve_target(PyObject* module, PyObject* root, PyObject* path_str, PyObject* known_paths);
 
+// The text after the last "/" or "\" of a str (the whole str when it has neither). Anything
+// else goes through text.split("\\")[-1].split("/")[-1], and fails as that does.
+Ref base_name(PyObject* text);
+
 }  // namespace editor::paths

@@ -13,8 +13,7 @@ Ref confinement_form(PyObject* module, PyObject* path) {
     Ref form = call(ns_attr(module, "os", "path", "normcase").get(), real.get());
     if (!PyUnicode_Check(form.get())) {
         // bytes paths would compare against a str separator below; refuse them plainly.
-        PyErr_Format(PyExc_TypeError, "path must be str, not %T", path);
-        throw PyError::fetch();
+        raise_wrong_type("path", "str", path);
     }
     return form;
 }
@@ -32,7 +31,7 @@ bool within_root(PyObject* module, PyObject* root, PyObject* path) {
 
 bool confined(PyObject* module, PyObject* root, PyObject* path) {
     Ref inside = call(ns(module, within_root_sig).get(), root, path);
-    return check_bool(PyObject_IsTrue(inside.get()));
+    return truthy(inside.get());
 }
 
 }  // namespace editor::paths

@@ -51,8 +51,7 @@ Ref copy_of_mapping(PyObject* entry) {
 Ref ledger_load(PyObject* module, PyObject* root) {
     Ref directory = call(ns_attr(module, "projstore", "project_dir").get(), root);
     Ref path = check(PyObject_Str(ledger_file(module, directory.get()).get()));
-    Ref exists = call(ns_attr(module, "os", "path", "exists").get(), path.get());
-    if (!check_bool(PyObject_IsTrue(exists.get()))) return check(PyList_New(0));
+    if (!path_is(module, "exists", path.get())) return check(PyList_New(0));
     try {
         Ref text = read_utf8(make_path(module, path.get()).get());
         Ref document = call(ns_attr(module, "json", "loads").get(), text.get());
@@ -90,7 +89,7 @@ void ledger_mark_rolled_back(PyObject* module, PyObject* root, PyObject* count_a
     while (check_bool(PyIter_NextItem(entries.get(), (entry = Ref()).out()))) {
         // entry.get("rolled_back"), without a bound method per entry.
         Ref flag = check(PyObject_CallMethodOneArg(entry.get(), get.get(), key.get()));
-        if (!check_bool(PyObject_IsTrue(flag.get()))) check(PyList_Append(unflagged.get(), entry.get()));
+        if (!truthy(flag.get())) check(PyList_Append(unflagged.get(), entry.get()));
     }
     const Py_ssize_t size = PyList_GET_SIZE(unflagged.get());
     if (count >= 1) {

@@ -65,7 +65,7 @@ Ref find_exe(PyObject* module, PyObject* names) {
     Ref name;
     while (check_bool(PyIter_NextItem(candidates.get(), (name = Ref()).out()))) {
         Ref found = call(which.get(), name.get());
-        if (check_bool(PyObject_IsTrue(found.get()))) return found;
+        if (truthy(found.get())) return found;
     }
     return Ref::borrow(Py_None);
 }

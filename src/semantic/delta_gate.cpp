@@ -6,13 +6,12 @@
 #include "editor/method.hpp"
 #include "editor/unpack.hpp"
 #include "parse/parse.hpp"
+#include "paths/paths.hpp"
 #include "semantic/finally.hpp"
 #include "semantic/semantic.hpp"
 
 namespace editor::semantic {
 namespace {
-
-bool truthy(PyObject* object) { return check_bool(PyObject_IsTrue(object)); }
 
 // What errfn(p) of a compiled language closes over, as found when the gate reached the file, so
 // the run on the earlier text uses the compiler and build context of the edited one.
@@ -70,18 +69,9 @@ Ref first_new_error(PyObject* label, PyObject* after, PyObject* before) {
     return Ref::borrow(Py_None);
 }
 
-// The base name whatever the separator: backslashes count as "/".
-Ref display_name(PyObject* abs_path) {
-    Ref backslash = str("\\");
-    Ref slash = str("/");
-    Ref forward = call_method(abs_path, "replace", backslash.get(), slash.get());
-    Ref parts = check(PyUnicode_RSplit(forward.get(), slash.get(), 1));
-    return Ref::borrow(PyList_GET_ITEM(parts.get(), PyList_GET_SIZE(parts.get()) - 1));
-}
-
 bool still_exists(PyObject* module, PyObject* abs_path) {
     try {
-        return truthy(call(ns_attr(module, "os", "path", "exists").get(), abs_path).get());
+        return path_is(module, "exists", abs_path);
     } catch (PyError& error) {
         if (!error.matches(PyExc_OSError)) throw;
         return false;
@@ -147,7 +137,7 @@ Ref commit_time_check(PyObject* module, PyObject* touched) {
         if (lang.get() == Py_None) continue;
         Ref err = call(ns(module, semantic_delta_check_sig).get(), abs_path.get(), lang.get(), before_text.get());
         if (!PyUnicode_Check(err.get()) || PyUnicode_GET_LENGTH(err.get()) == 0) continue;
-        Ref name = display_name(abs_path.get());
+        Ref name = paths::base_name(abs_path.get());
         check(PyList_Append(results.get(), check(PyUnicode_FromFormat("%U: %U", name.get(), err.get())).get()));
     }
     return results;

@@ -14,8 +14,7 @@ namespace editor {
 [[nodiscard]] inline Ref ns(PyObject* module, const char* name) {
     Ref value;
     if (!check_bool(PyDict_GetItemStringRef(PyModule_GetDict(module), name, value.out()))) {
-        PyErr_Format(PyExc_NameError, "name '%s' is not defined", name);
-        throw PyError::fetch();
+        raise_format(PyExc_NameError, "name '%s' is not defined", name);
     }
     return value;
 }
