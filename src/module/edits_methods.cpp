@@ -1,4 +1,4 @@
-// Python-facing glue of the file edits: argument binding, type checks and defaults.
+// Python-facing glue of the file edits: the type checks before each operation.
 #include <Python.h>
 
 #include "edits/edits.hpp"
@@ -8,14 +8,13 @@
 namespace editor::methods {
 namespace {
 
-constexpr const char* apply_block_name = edits::apply_block_sig.function;
-
 Ref apply_block_checked(PyObject* module, PyObject* root, PyObject* abs_path, PyObject* start_line,
                         PyObject* end_line, PyObject* content, PyObject* mode, PyObject* anchor) {
-    require_str(apply_block_name, "root", root);
-    require_str(apply_block_name, "abs_path", abs_path);
-    require_str(apply_block_name, "content", content);
-    require_str(apply_block_name, "anchor", anchor, true);
+    constexpr const char* function = edits::apply_block_sig.function;
+    require_str(function, "root", root);
+    require_str(function, "abs_path", abs_path);
+    require_str(function, "content", content);
+    require_str(function, "anchor", anchor, true);
     // start_line and end_line are checked where they are used: an anchor overrides both, and the
     // insert modes never look at end_line.
     return edits::apply_block(module, {root, abs_path, start_line, end_line, content, mode, anchor});

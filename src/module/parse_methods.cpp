@@ -6,6 +6,7 @@
 #include "parse/parse.hpp"
 
 namespace editor::methods {
+
 PyMethodDef first_error_node = method<parse::first_error_node_sig, parse::first_error_node,
     "The first ERROR or missing node at or below node in pre-order, or None.\n"
     "Subtrees whose has_error flag is false are not visited.">();

@@ -6,6 +6,7 @@
 #include "paths/paths.hpp"
 
 namespace editor::methods {
+
 PyMethodDef within_root = method<paths::within_root_sig, paths::within_root,
     "True when path is the root itself or lies below it, after resolving symbolic\n"
     "links in both. A sibling whose name merely starts with the root's is outside.">();

@@ -6,6 +6,7 @@
 #include "records/records.hpp"
 
 namespace editor::methods {
+
 PyMethodDef session_diff = method<records::session_diff_sig, records::session_diff,
     "One unified diff of the session's edits: every touched file's first-touch text\n"
     "(None for a file the session created) against its text on disk now, files in\n"

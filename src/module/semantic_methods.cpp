@@ -6,6 +6,7 @@
 #include "semantic/semantic.hpp"
 
 namespace editor::methods {
+
 PyMethodDef find_exe = method<semantic::find_exe_sig, semantic::find_exe,
     "Full path of the first of names found on the executable search path, or None.">();
 
