@@ -14,12 +14,13 @@ all: build
 bootstrap:
 	@bash scripts/bootstrap
 
-# A new virtual environment may mean a new interpreter: configure the build afresh for it.
-$(BUILD)/build.ninja: $(VENV)/.complete
+# A new virtual environment may mean a new interpreter: configure the build afresh for it, with
+# the machine file the bootstrap writes for that interpreter.
+$(BUILD)/build.ninja: $(VENV)/.complete native.ini
 	rm -rf $(BUILD)
-	meson setup $(BUILD) >/dev/null
+	meson setup $(BUILD) --native-file native.ini >/dev/null
 
-$(VENV)/.complete: bootstrap
+$(VENV)/.complete native.ini: bootstrap
 
 build: bootstrap $(BUILD)/build.ninja
 	@meson compile -C $(BUILD) >/dev/null
@@ -38,9 +39,9 @@ demo: build
 bench: build
 	$(PY) bench/run_all.py
 
-$(ASAN_BUILD)/build.ninja: $(VENV)/.complete
+$(ASAN_BUILD)/build.ninja: $(VENV)/.complete native.ini
 	rm -rf $(ASAN_BUILD)
-	meson setup $(ASAN_BUILD) -Dbuildtype=debug -Db_sanitize=address,undefined -Db_lundef=false >/dev/null
+	meson setup $(ASAN_BUILD) --native-file native.ini -Dbuildtype=debug -Db_sanitize=address,undefined -Db_lundef=false >/dev/null
 
 # The whole suite under AddressSanitizer and UndefinedBehaviorSanitizer (see scripts/check-asan).
 check-asan: bootstrap $(ASAN_BUILD)/build.ninja
@@ -49,15 +50,16 @@ check-asan: bootstrap $(ASAN_BUILD)/build.ninja
 
 # Built for the debug interpreter the bootstrap provides, named to meson in a machine file.
 # tree-sitter's binding is built for it too (into site/), so that the references it takes and
-# drops are counted like everyone else's; its multiarch pyconfig.h is found as meson.build finds it.
-$(DEBUG_BUILD)/build.ninja: $(VENV)/.complete
+# drops are counted like everyone else's; its multiarch pyconfig.h is found as
+# native.ini (written by the bootstrap) tells meson.
+$(DEBUG_BUILD)/build.ninja: $(VENV)/.complete native.ini
 	rm -rf $(DEBUG_BUILD) && mkdir -p $(DEBUG_BUILD)
 	python=$$(bash scripts/bootstrap --debug-python) && \
 		printf "[binaries]\npython = '%s'\n" "$$python" > $(DEBUG_BUILD)/python.ini && \
 		CFLAGS="-idirafter $$(dirname "$$python")/../include" $(PY) -m pip --python "$$python" install -q \
 			--disable-pip-version-check --root-user-action=ignore --no-deps --no-binary tree-sitter \
 			--target $(DEBUG_BUILD)/site "$$(grep '^tree-sitter==' requirements.txt)"
-	meson setup $(DEBUG_BUILD) -Dbuildtype=debug --native-file $(DEBUG_BUILD)/python.ini >/dev/null
+	meson setup $(DEBUG_BUILD) -Dbuildtype=debug --native-file native.ini --native-file $(DEBUG_BUILD)/python.ini >/dev/null
 
 # The suite on the debug interpreter, then the reference-leak checks (see scripts/check-refleaks).
 check-refleaks: bootstrap $(DEBUG_BUILD)/build.ninja

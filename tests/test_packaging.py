@@ -30,7 +30,9 @@ def test_dependencies_are_the_tested_versions():
 def installed(tmp_path_factory):
     """(environment directory, its bin directory, a scratch directory outside the checkout)."""
     scratch = tmp_path_factory.mktemp("wheel")
+    # The machine file the bootstrap wrote names this interpreter's headers to meson.
     subprocess.run([sys.executable, "-m", "pip", "wheel", str(ROOT), "--no-deps", "--no-build-isolation",
+                    f"--config-settings=setup-args=--native-file={ROOT / 'native.ini'}",
                     "-q", "-w", str(scratch / "dist")], check=True, timeout=BUILD_TIMEOUT, env=_clean_env())
     [wheel] = (scratch / "dist").glob("editor-*.whl")
     env_dir = scratch / "env"

@@ -38,6 +38,20 @@ private:
     throw PyError::fetch();
 }
 
+// Raises `type` with a PyErr_Format message and throws it.
+template <typename... Values>
+[[noreturn]] void raise_format(PyObject* type, const char* format, Values... values) {
+    PyErr_Format(type, format, values...);
+    throw PyError::fetch();
+}
+
+// TypeError "<what> must be <expected>, not <type>", the type named as the host's own argument
+// checks name it ("None" for None).
+[[noreturn]] inline void raise_wrong_type(const char* what, const char* expected, PyObject* value) {
+    raise_format(PyExc_TypeError, "%s must be %s, not %s", what, expected,
+                 value == Py_None ? "None" : Py_TYPE(value)->tp_name);
+}
+
 // NULL means an error is pending.
 [[nodiscard]] inline Ref check(PyObject* p) {
     if (p == nullptr) throw PyError::fetch();
@@ -52,6 +66,8 @@ inline void check(int status) {
     if (status < 0) throw PyError::fetch();
     return status == 1;
 }
+// bool(object), as the host decides it.
+[[nodiscard]] inline bool truthy(PyObject* object) { return check_bool(PyObject_IsTrue(object)); }
 // -2 means an error, -1 "not found" (PyUnicode_Find, PyUnicode_FindChar).
 [[nodiscard]] inline Py_ssize_t check_find(Py_ssize_t index) {
     if (index == -2) throw PyError::fetch();

@@ -10,9 +10,10 @@
 #include "edits/edits.hpp"
 #include "edits/file_io.hpp"
 #include "edits/line_layout.hpp"
-#include "editor/host.hpp"
-#include "editor/pathlib.hpp"
-#include "editor/result.hpp"
+#include "editor/host/ns.hpp"
+#include "editor/host/pathlib.hpp"
+#include "editor/host/result.hpp"
+#include "parse/parse.hpp"
 #include "paths/paths.hpp"
 
 namespace editor::edits {
@@ -183,7 +184,7 @@ Ref apply_block(PyObject* module, const BlockEdit& edit) {
         utf8.substr(cut_after)};
     write_in_place(module, edit.root, edit.abs_path, pieces);
 
-    Ref syntax = call_kw(ns(module, "syntax_check").get(), {edit.abs_path}, {{"before_text", text.get()}});
+    Ref syntax = call_kw(ns(module, parse::syntax_check_sig).get(), {edit.abs_path}, {{"before_text", text.get()}});
     return result({{"replaced", replaced.get()}, {"at", start.value.get()}, {"syntax", syntax.get()}});
 }
 

@@ -2,8 +2,9 @@
 
 #include "edits/edits.hpp"
 #include "edits/file_io.hpp"
-#include "editor/host.hpp"
-#include "editor/result.hpp"
+#include "editor/host/pathlib.hpp"
+#include "editor/host/result.hpp"
+#include "parse/parse.hpp"
 #include "paths/paths.hpp"
 
 namespace editor::edits {
@@ -18,7 +19,7 @@ Ref create_file(PyObject* module, PyObject* root, PyObject* abs_path, PyObject* 
     // Content UTF-8 cannot hold raises here, before any directory or the file is made.
     write_new(module, root, abs_path, utf8_of(content));
     // A new file has no text before the edit: the check is absolute, not a delta.
-    Ref syntax = call(ns(module, "syntax_check").get(), abs_path);
+    Ref syntax = call(ns(module, parse::syntax_check_sig).get(), abs_path);
     return result({{"created", abs_path}, {"syntax", syntax.get()}});
 }
 

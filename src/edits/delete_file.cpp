@@ -2,8 +2,8 @@
 
 #include "edits/edits.hpp"
 #include "edits/file_io.hpp"
-#include "editor/host.hpp"
-#include "editor/result.hpp"
+#include "editor/host/pathlib.hpp"
+#include "editor/host/result.hpp"
 #include "paths/paths.hpp"
 
 namespace editor::edits {

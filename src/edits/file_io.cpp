@@ -14,7 +14,7 @@
 #include "edits/beneath.hpp"
 #include "edits/file_io.hpp"
 #include "edits/remove_tree.hpp"
-#include "editor/host.hpp"
+#include "editor/host/ns.hpp"
 
 namespace editor::edits {
 namespace {
@@ -133,11 +133,6 @@ int beneath(PyObject* module, PyObject* root, PyObject* path, const Attempt& att
 }
 
 }  // namespace
-
-bool path_is(PyObject* module, const char* test, PyObject* path) {
-    Ref answer = call(ns_attr(module, "os", "path", test).get(), path);
-    return check_bool(PyObject_IsTrue(answer.get()));
-}
 
 std::string_view utf8_of(PyObject* text) {
     Py_ssize_t size = 0;

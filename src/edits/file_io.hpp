@@ -10,9 +10,6 @@
 
 namespace editor::edits {
 
-// `os.path.<test>(path)` of the module's current `os` ("exists", "isdir"), as a C++ bool.
-bool path_is(PyObject* module, const char* test, PyObject* path);
-
 // The UTF-8 bytes of a str, valid while the str lives. Raises the host's UnicodeEncodeError for
 // text UTF-8 cannot hold (lone surrogates).
 std::string_view utf8_of(PyObject* text);

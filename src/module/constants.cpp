@@ -1,6 +1,6 @@
 #include <Python.h>
 
-#include "editor/host.hpp"
+#include "editor/call.hpp"
 #include "module/constants.hpp"
 
 namespace editor::module {

@@ -2,7 +2,8 @@
 #include <Python.h>
 
 #include "editor/boundary.hpp"
-#include "editor/host.hpp"
+#include "editor/method.hpp"
+#include "editor/host/ns.hpp"
 #include "module/constants.hpp"
 #include "module/methods.hpp"
 #include "module/namespace.hpp"
@@ -94,20 +95,15 @@ Ref import_name(const char* from, const char* name) {
     throw PyError::fetch();
 }
 
-Ref make_function(PyObject* module, PyMethodDef& def) {
-    Ref module_name = check(PyModule_GetNameObject(module));
-    return check(PyCFunction_NewEx(&def, module, module_name.get()));
-}
-
 Ref make(PyObject* module, const Binding& binding) {
     switch (binding.kind) {
         case Kind::import: return check(PyImport_ImportModule(binding.name));
         case Kind::import_from: return import_name(binding.from, binding.name);
         case Kind::value: return binding.make(module);
-        case Kind::function: return make_function(module, *binding.def);
+        case Kind::function: return make_function(*binding.def, module, module);
         case Kind::deep_function: {
             // The host decides how the work gets its large stack; we bind whatever it returns.
-            Ref function = make_function(module, *binding.def);
+            Ref function = make_function(*binding.def, module, module);
             Ref run_deep = ns(module, "run_deep");
             return call(run_deep.get(), function.get());
         }

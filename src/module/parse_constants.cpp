@@ -3,7 +3,7 @@
 #include <array>
 #include <utility>
 
-#include "editor/host.hpp"
+#include "editor/call.hpp"
 #include "module/constants.hpp"
 
 namespace editor::module {

@@ -4,7 +4,7 @@
 #include <array>
 #include <initializer_list>
 
-#include "editor/host.hpp"
+#include "editor/host/ns.hpp"
 #include "module/constants.hpp"
 
 namespace editor::module {

@@ -8,7 +8,7 @@
 
 #include <vector>
 
-#include "editor/host.hpp"
+#include "editor/call.hpp"
 #include "parse/parse.hpp"
 
 namespace editor::parse {
@@ -47,9 +47,9 @@ Visit visit(const NodeMembers& members, PyObject* node, Ref& children) {
     Ref type = check(PyObject_GetAttr(node, members.type.get()));
     if (check_bool(PyObject_RichCompareBool(type.get(), members.error.get(), Py_EQ))) return Visit::error;
     Ref missing = check(PyObject_GetAttr(node, members.is_missing.get()));
-    if (check_bool(PyObject_IsTrue(missing.get()))) return Visit::error;
+    if (truthy(missing.get())) return Visit::error;
     Ref has_error = check(PyObject_GetAttr(node, members.has_error.get()));
-    if (!check_bool(PyObject_IsTrue(has_error.get()))) return Visit::clean;
+    if (!truthy(has_error.get())) return Visit::clean;
     Ref list = check(PyObject_GetAttr(node, members.children.get()));
     children = check(PyObject_GetIter(list.get()));
     return Visit::descend;

@@ -1,7 +1,7 @@
 // Which grammar checks a file, and the web code held in Python string literals.
 #include <Python.h>
 
-#include "editor/host.hpp"
+#include "editor/host/ns.hpp"
 #include "editor/unpack.hpp"
 #include "parse/error_counts.hpp"
 #include "parse/parse.hpp"
@@ -32,7 +32,7 @@ Ref native_language(PyObject* module, PyObject* ext) {
     Ref langtable = check(PyImport_ImportModule("langtable"));
     Ref table = attr(langtable.get(), "EXTENSION_TO_LANGUAGE");
     Ref hosted = lookup(table.get(), ext);
-    if (check_bool(PyObject_IsTrue(hosted.get()))) return hosted;
+    if (truthy(hosted.get())) return hosted;
     return lookup(ns(module, "_WEB_EXT_LANG").get(), ext);
 }
 
@@ -46,7 +46,7 @@ Ref web_error_counts(PyObject* module, PyObject* text) {
         auto [kind, region_text, base_line] = unpack<3>(region.get());
         Ref lang = lookup(ns(module, "_WEB_KIND_LANG").get(), kind.get());
         if (lang.get() == Py_None) continue;
-        Ref error = call(ns(module, "_treesitter_error").get(), lang.get(), region_text.get());
+        Ref error = call(ns(module, treesitter_error_sig).get(), lang.get(), region_text.get());
         if (error.get() == Py_None) continue;
         // Each broken region counts once, under the kind of its first error.
         auto [rel_line, what] = unpack<2>(error.get());

@@ -4,9 +4,20 @@
 #pragma once
 #include <Python.h>
 
+#include "editor/args.hpp"
 #include "editor/ref.hpp"
 
 namespace editor::parse {
+
+// The Python declarations: names, parameters and defaults, read by the bindings and by the
+// operations that call one another through the module namespace.
+inline constexpr Signature first_error_node_sig{"_first_error_node", "node"};
+inline constexpr Signature all_error_nodes_sig{"_all_error_nodes", "node", "out"};
+inline constexpr Signature treesitter_error_sig{"_treesitter_error", "language", "text"};
+inline constexpr Signature treesitter_error_counts_sig{"_treesitter_error_counts", "language", "text"};
+inline constexpr Signature native_language_sig{"_native_language", "ext"};
+inline constexpr Signature web_error_counts_sig{"_web_error_counts", "text"};
+inline constexpr Signature syntax_check_sig{"syntax_check", "abs_path", Param{"before_text", "None"}};
 
 // The first ERROR or missing node at or below `node` in pre-order, or None.
 Ref first_error_node(PyObject* node);

@@ -9,8 +9,8 @@
 #include <array>
 #include <tuple>
 
-#include "editor/host.hpp"
-#include "editor/pathlib.hpp"
+#include "editor/host/ns.hpp"
+#include "editor/host/pathlib.hpp"
 #include "editor/unpack.hpp"
 #include "parse/parse.hpp"
 
@@ -27,8 +27,6 @@ Ref fstring(const char* format, Objects... fields) {
 }
 
 Ref ok() { return str("ok"); }
-
-bool truthy(PyObject* value) { return check_bool(PyObject_IsTrue(value)); }
 
 // `compile` as the module body's code would find it: a module global first, then the builtins.
 Ref host_compile(PyObject* module) {
@@ -69,14 +67,14 @@ Ref first_increase(PyObject* after_counts, PyObject* before_counts) {
 }
 
 // The key the edit added, as (key, line of its first error in the new text), by a counting scan
-// `scan_name` called as scan(*leading, text). The baseline is scanned only when the new text
+// `scan` called as scan(*leading, text). The baseline is scanned only when the new text
 // shows an error at all.
-template <typename... Leading>
-std::pair<Ref, Ref> added_error(PyObject* module, const char* scan_name, PyObject* after,
+template <std::size_t N, typename... Leading>
+std::pair<Ref, Ref> added_error(PyObject* module, const Signature<N>& scan, PyObject* after,
                                 PyObject* before, Leading... leading) {
-    auto [after_counts, after_sample] = unpack<2>(call(ns(module, scan_name).get(), leading..., after).get());
+    auto [after_counts, after_sample] = unpack<2>(call(ns(module, scan).get(), leading..., after).get());
     if (!truthy(after_counts.get())) return {};
-    Ref before_scan = call(ns(module, scan_name).get(), leading..., before);
+    Ref before_scan = call(ns(module, scan).get(), leading..., before);
     Ref zero = check(PyLong_FromLong(0));
     Ref before_counts = check(PyObject_GetItem(before_scan.get(), zero.get()));
     Ref key = first_increase(after_counts.get(), before_counts.get());
@@ -88,7 +86,7 @@ std::pair<Ref, Ref> added_error(PyObject* module, const char* scan_name, PyObjec
 Ref check_python(PyObject* module, PyObject* abs_path, PyObject* after, PyObject* before) {
     if (Ref message = python_error(module, abs_path, after)) return message;
     if (before == Py_None) return ok();
-    auto [key, line] = added_error(module, "_web_error_counts", after, before);
+    auto [key, line] = added_error(module, web_error_counts_sig, after, before);
     if (!key) return ok();
     auto [lang, what] = unpack<2>(key.get());
     return fstring("embedded %U %U (line %U)", lang.get(), what.get(), line.get());
@@ -96,12 +94,12 @@ Ref check_python(PyObject* module, PyObject* abs_path, PyObject* after, PyObject
 
 Ref check_native(PyObject* module, PyObject* lang, PyObject* after, PyObject* before) {
     if (before == Py_None) {
-        Ref error = call(ns(module, "_treesitter_error").get(), lang, after);
+        Ref error = call(ns(module, treesitter_error_sig).get(), lang, after);
         if (error.get() == Py_None) return ok();
         auto [rel_line, what] = unpack<2>(error.get());
         return fstring("%U %U (line %U)", lang, what.get(), rel_line.get());
     }
-    auto [what, line] = added_error(module, "_treesitter_error_counts", after, before, lang);
+    auto [what, line] = added_error(module, treesitter_error_counts_sig, after, before, lang);
     if (!what) return ok();
     return fstring("%U %U (line %U)", lang, what.get(), line.get());
 }
@@ -109,7 +107,7 @@ Ref check_native(PyObject* module, PyObject* lang, PyObject* after, PyObject* be
 }  // namespace
 
 Ref syntax_check(PyObject* module, PyObject* abs_path, PyObject* before_text) {
-    Ref path = call(ns(module, "Path").get(), abs_path);
+    Ref path = make_path(module, abs_path);
     Ref after = read_utf8_if_readable(path.get());
     if (!after) return Ref::borrow(Py_None);
     Ref suffix = attr(path.get(), "suffix");
@@ -118,7 +116,7 @@ Ref syntax_check(PyObject* module, PyObject* abs_path, PyObject* before_text) {
     if (check_bool(PyObject_RichCompareBool(ext.get(), python.get(), Py_EQ))) {
         return check_python(module, abs_path, after.get(), before_text);
     }
-    Ref lang = call(ns(module, "_native_language").get(), ext.get());
+    Ref lang = call(ns(module, native_language_sig).get(), ext.get());
     if (lang.get() == Py_None) return lang;
     return check_native(module, lang.get(), after.get(), before_text);
 }

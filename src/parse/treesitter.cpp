@@ -3,7 +3,7 @@
 // removed or replaced while the host runs is seen at the next check.
 #include <Python.h>
 
-#include "editor/host.hpp"
+#include "editor/host/ns.hpp"
 #include "parse/error_counts.hpp"
 #include "parse/parse.hpp"
 
@@ -35,12 +35,12 @@ Ref parse(PyObject* language, PyObject* text) {
 Ref broken_root(PyObject* tree) {
     Ref root = attr(tree, "root_node");
     Ref has_error = attr(root.get(), "has_error");
-    return check_bool(PyObject_IsTrue(has_error.get())) ? std::move(root) : Ref();
+    return truthy(has_error.get()) ? std::move(root) : Ref();
 }
 
 Ref description(PyObject* node) {
     Ref missing = attr(node, "is_missing");
-    return str(check_bool(PyObject_IsTrue(missing.get())) ? "missing bracket/token" : "unexpected syntax");
+    return str(truthy(missing.get()) ? "missing bracket/token" : "unexpected syntax");
 }
 
 // start_point[0] + 1: tree-sitter rows are 0-based.
@@ -59,7 +59,7 @@ Ref treesitter_error(PyObject* module, PyObject* language, PyObject* text) {
     if (!tree) return Ref::borrow(Py_None);
     Ref root = broken_root(tree.get());
     if (!root) return Ref::borrow(Py_None);
-    Ref node = call(ns(module, "_first_error_node").get(), root.get());
+    Ref node = call(ns(module, first_error_node_sig).get(), root.get());
     if (node.get() == Py_None) return node;
     Ref what = description(node.get());
     Ref line = line_of(node.get());
@@ -73,7 +73,7 @@ Ref treesitter_error_counts(PyObject* module, PyObject* language, PyObject* text
     Ref root = broken_root(tree.get());
     if (!root) return counts.pair();
     Ref nodes = check(PyList_New(0));
-    Ref ignored = call(ns(module, "_all_error_nodes").get(), root.get(), nodes.get());
+    Ref ignored = call(ns(module, all_error_nodes_sig).get(), root.get(), nodes.get());
     Ref each = check(PyObject_GetIter(nodes.get()));
     Ref node;
     while (check_bool(PyIter_NextItem(each.get(), (node = Ref()).out()))) {

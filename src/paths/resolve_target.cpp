@@ -9,8 +9,8 @@
 #include <string>
 #include <string_view>
 
-#include "editor/host.hpp"
-#include "editor/result.hpp"
+#include "editor/host/ns.hpp"
+#include "editor/host/result.hpp"
 #include "paths/paths.hpp"
 
 namespace editor::paths {

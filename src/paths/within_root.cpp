@@ -1,6 +1,6 @@
 #include <Python.h>
 
-#include "editor/host.hpp"
+#include "editor/host/ns.hpp"
 #include "paths/paths.hpp"
 
 namespace editor::paths {
@@ -13,8 +13,7 @@ Ref confinement_form(PyObject* module, PyObject* path) {
     Ref form = call(ns_attr(module, "os", "path", "normcase").get(), real.get());
     if (!PyUnicode_Check(form.get())) {
         // bytes paths would compare against a str separator below; refuse them plainly.
-        PyErr_Format(PyExc_TypeError, "path must be str, not %T", path);
-        throw PyError::fetch();
+        raise_wrong_type("path", "str", path);
     }
     return form;
 }
@@ -31,8 +30,8 @@ bool within_root(PyObject* module, PyObject* root, PyObject* path) {
 }
 
 bool confined(PyObject* module, PyObject* root, PyObject* path) {
-    Ref inside = call(ns(module, "_within_root").get(), root, path);
-    return check_bool(PyObject_IsTrue(inside.get()));
+    Ref inside = call(ns(module, within_root_sig).get(), root, path);
+    return truthy(inside.get());
 }
 
 }  // namespace editor::paths

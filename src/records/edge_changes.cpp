@@ -10,10 +10,11 @@
 #include <cstdint>
 #include <vector>
 
-#include "editor/host.hpp"
+#include "editor/call.hpp"
 #include "records/edge_changes.hpp"
 #include "records/objects.hpp"
 #include "records/sorted_head.hpp"
+#include "paths/paths.hpp"
 
 namespace editor::records {
 namespace {
@@ -28,8 +29,6 @@ struct Edges {
     std::vector<Edge> items;
     bool all_text = true;  // every id an exact str
 };
-
-bool is_text(PyObject* id) { return PyUnicode_CheckExact(id); }
 
 // e["caller"], e["callee"] for e in map.get("edges", []), raising what building the host's
 // tuple set would raise, at the same edge.
@@ -113,8 +112,8 @@ private:
 };
 
 Ref edge_line(PyObject* caller, PyObject* callee) {
-    Ref shown_caller = base_name(caller);
-    Ref shown_callee = base_name(callee);
+    Ref shown_caller = paths::base_name(caller);
+    Ref shown_callee = paths::base_name(callee);
     return check(PyUnicode_FromFormat("%S -> %S", shown_caller.get(), shown_callee.get()));
 }
 

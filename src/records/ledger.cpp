@@ -5,11 +5,11 @@
 
 #include <algorithm>
 
-#include "editor/host.hpp"
-#include "editor/result.hpp"
+#include "editor/host/ns.hpp"
+#include "editor/host/result.hpp"
 #include "records/objects.hpp"
 #include "records/records.hpp"
-#include "editor/pathlib.hpp"
+#include "editor/host/pathlib.hpp"
 
 namespace editor::records {
 namespace {
@@ -51,8 +51,7 @@ Ref copy_of_mapping(PyObject* entry) {
 Ref ledger_load(PyObject* module, PyObject* root) {
     Ref directory = call(ns_attr(module, "projstore", "project_dir").get(), root);
     Ref path = check(PyObject_Str(ledger_file(module, directory.get()).get()));
-    Ref exists = call(ns_attr(module, "os", "path", "exists").get(), path.get());
-    if (!check_bool(PyObject_IsTrue(exists.get()))) return check(PyList_New(0));
+    if (!path_is(module, "exists", path.get())) return check(PyList_New(0));
     try {
         Ref text = read_utf8(make_path(module, path.get()).get());
         Ref document = call(ns_attr(module, "json", "loads").get(), text.get());
@@ -65,7 +64,7 @@ Ref ledger_load(PyObject* module, PyObject* root) {
 }
 
 Ref ledger_append(PyObject* module, PyObject* root, PyObject* entry) {
-    Ref steps = call(ns(module, "ledger_load").get(), root);
+    Ref steps = call(ns(module, ledger_load_sig).get(), root);
     Ref step = copy_of_mapping(entry);
     Ref n = check(PyLong_FromSsize_t(check_value(PyObject_Size(steps.get())) + 1));
     Ref ts = call(ns_attr(module, "time", "time").get());
@@ -81,7 +80,7 @@ void ledger_mark_rolled_back(PyObject* module, PyObject* root, PyObject* count_a
     // which is at least 1, so anything smaller is a slip that must not flag older steps (as a
     // trailing slice from -count would). The ledger is still rewritten, as on every call.
     const Py_ssize_t count = clamped_index(count_arg);
-    Ref steps = call(ns(module, "ledger_load").get(), root);
+    Ref steps = call(ns(module, ledger_load_sig).get(), root);
     Ref key = str("rolled_back");
     Ref get = str("get");
     Ref unflagged = check(PyList_New(0));
@@ -90,7 +89,7 @@ void ledger_mark_rolled_back(PyObject* module, PyObject* root, PyObject* count_a
     while (check_bool(PyIter_NextItem(entries.get(), (entry = Ref()).out()))) {
         // entry.get("rolled_back"), without a bound method per entry.
         Ref flag = check(PyObject_CallMethodOneArg(entry.get(), get.get(), key.get()));
-        if (!check_bool(PyObject_IsTrue(flag.get()))) check(PyList_Append(unflagged.get(), entry.get()));
+        if (!truthy(flag.get())) check(PyList_Append(unflagged.get(), entry.get()));
     }
     const Py_ssize_t size = PyList_GET_SIZE(unflagged.get());
     if (count >= 1) {

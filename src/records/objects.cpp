@@ -1,11 +1,11 @@
 #include <Python.h>
 
-#include <algorithm>
-#include <initializer_list>
+#include <utility>
 
-#include "editor/host.hpp"
+#include "editor/call.hpp"
 #include "editor/unpack.hpp"
 #include "records/objects.hpp"
+#include "paths/paths.hpp"
 
 namespace editor::records {
 
@@ -13,21 +13,6 @@ Py_ssize_t clamped_index(PyObject* number) {
     Ref index = check(PyNumber_Index(number));
     // With no overflow exception given, the value is clipped and no error can be set.
     return PyNumber_AsSsize_t(index.get(), nullptr);
-}
-
-Ref base_name(PyObject* text) {
-    if (!PyUnicode_Check(text)) {
-        Ref last = Ref::borrow(text);
-        for (const char* separator : {"\\", "/"}) {
-            Ref pieces = call_method(last.get(), "split", str(separator).get());
-            last = check(PySequence_GetItem(pieces.get(), -1));
-        }
-        return last;
-    }
-    const Py_ssize_t length = PyUnicode_GET_LENGTH(text);
-    const Py_ssize_t slash = check_find(PyUnicode_FindChar(text, '/', 0, length, -1));
-    const Py_ssize_t backslash = check_find(PyUnicode_FindChar(text, '\\', 0, length, -1));
-    return check(PyUnicode_Substring(text, std::max(slash, backslash) + 1, length));
 }
 
 Ref item_pairs(PyObject* mapping) {
@@ -58,7 +43,7 @@ Ref shortened_missing(PyObject* ids, PyObject* other) {
     Ref id;
     while (check_bool(PyIter_NextItem(iterator.get(), (id = Ref()).out()))) {
         if (!check_bool(PySequence_Contains(other, id.get()))) {
-            check(PyList_Append(shown.get(), base_name(id.get()).get()));
+            check(PyList_Append(shown.get(), paths::base_name(id.get()).get()));
         }
     }
     return shown;

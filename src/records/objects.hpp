@@ -10,9 +10,8 @@ namespace editor::records {
 // nearest representable one, as list slicing treats it). TypeError for a non-integer.
 Py_ssize_t clamped_index(PyObject* number);
 
-// The text after the last "/" or "\" of a str (the whole str when it has neither). Anything
-// else goes through text.split("\\")[-1].split("/")[-1], and fails as that does.
-Ref base_name(PyObject* text);
+// An exact str: ids the fast paths may compare and sort as text.
+[[nodiscard]] inline bool is_text(PyObject* id) { return PyUnicode_CheckExact(id); }
 
 // mapping.items() as a list of 2-tuples, taken before any of it is used, so nothing the caller
 // does to the mapping meanwhile can pull an item from under us.

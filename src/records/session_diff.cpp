@@ -2,10 +2,11 @@
 // which order, under which names, and how the pieces are joined.
 #include <Python.h>
 
-#include "editor/host.hpp"
+#include "editor/host/ns.hpp"
 #include "records/objects.hpp"
 #include "records/records.hpp"
-#include "editor/pathlib.hpp"
+#include "editor/host/pathlib.hpp"
+#include "paths/paths.hpp"
 
 namespace editor::records {
 namespace {
@@ -20,17 +21,8 @@ Ref text_now(PyObject* module, PyObject* path) {
 // Lines as str.splitlines() cuts them: at every line boundary the host knows, ends dropped.
 Ref lines_of(PyObject* text) { return check(PyUnicode_Splitlines(text, 0)); }
 
-// path.replace("\\", "/").split("/")[-1]; a path that is not a str goes through its own methods
-// and fails as they do.
-Ref file_name(PyObject* path) {
-    if (PyUnicode_Check(path)) return base_name(path);
-    Ref replaced = call_method(path, "replace", str("\\").get(), str("/").get());
-    Ref pieces = call_method(replaced.get(), "split", str("/").get());
-    return check(PySequence_GetItem(pieces.get(), -1));
-}
-
 Ref file_diff(PyObject* unified_diff, PyObject* path, PyObject* before, PyObject* after) {
-    Ref name = file_name(path);
+    Ref name = paths::base_name(path);
     Ref fromfile = check(PyUnicode_Concat(str("a/").get(), name.get()));
     Ref tofile = check(PyUnicode_Concat(str("b/").get(), name.get()));
     Ref lineterm = check(PyUnicode_FromStringAndSize("", 0));
@@ -56,13 +48,11 @@ Ref session_diff(PyObject* module, PyObject* touched) {
         PyObject* before = PyTuple_GET_ITEM(item, 1);
         // Checked before any method is called on them: a Path key's own replace() renames files.
         if (!PyUnicode_Check(path)) {
-            PyErr_Format(PyExc_TypeError, "touched paths must be str, not %T", path);
-            throw PyError::fetch();
+            raise_wrong_type("touched paths", "str", path);
         }
         if (before == Py_None) before = empty.get();
         if (!PyUnicode_Check(before)) {
-            PyErr_Format(PyExc_TypeError, "first-touch texts must be str or None, not %T", before);
-            throw PyError::fetch();
+            raise_wrong_type("first-touch texts", "str or None", before);
         }
         Ref after = text_now(module, path);
         if (check_bool(PyObject_RichCompareBool(before, after.get(), Py_EQ))) continue;

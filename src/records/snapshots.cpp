@@ -1,10 +1,12 @@
 #include <Python.h>
 
-#include "editor/host.hpp"
-#include "editor/result.hpp"
+#include <string>
+
+#include "editor/host/ns.hpp"
+#include "editor/host/result.hpp"
 #include "records/objects.hpp"
 #include "records/records.hpp"
-#include "editor/pathlib.hpp"
+#include "editor/host/pathlib.hpp"
 
 namespace editor::records {
 namespace {
@@ -28,16 +30,15 @@ Ref member(PyObject* record, const char* key) {
 
 void require_str_or_none(PyObject* value, const char* key) {
     if (value != Py_None && !PyUnicode_Check(value)) {
-        PyErr_Format(PyExc_TypeError, "snapshot record's \"%s\" must be str or None, not %T", key, value);
-        throw PyError::fetch();
+        const std::string what = std::string("snapshot record's \"") + key + "\"";
+        raise_wrong_type(what.c_str(), "str or None", value);
     }
 }
 
 // Reads a record, raising for anything take_snapshot would never have made.
 Snapshot snapshot_of(PyObject* record) {
     if (!PyDict_Check(record)) {
-        PyErr_Format(PyExc_TypeError, "snapshot records must be dicts, not %T", record);
-        throw PyError::fetch();
+        raise_wrong_type("snapshot records", "dicts", record);
     }
     Snapshot snap{member(record, "path"), member(record, "text_before"), member(record, "raw")};
     require_str_or_none(snap.path.get(), "path");
@@ -59,8 +60,7 @@ void check_records(PyObject* snapshots, Py_ssize_t steps) {
 Ref take_snapshot(PyObject* module, PyObject* raw_data, PyObject* abs_path) {
     Ref text = Ref::borrow(Py_None);
     if (abs_path != Py_None) {
-        Ref exists = call(ns_attr(module, "os", "path", "exists").get(), abs_path);
-        if (check_bool(PyObject_IsTrue(exists.get()))) text = read_utf8(make_path(module, abs_path).get());
+        if (path_is(module, "exists", abs_path)) text = read_utf8(make_path(module, abs_path).get());
     }
     Ref ts = call(ns_attr(module, "time", "time").get());
     // The caller's raw_data itself: the IR is the indexer's and is handed back untouched.
@@ -71,8 +71,7 @@ Ref rollback_steps(PyObject* module, PyObject* snapshots, PyObject* steps_arg) {
     const Py_ssize_t steps = clamped_index(steps_arg);
     if (steps < 1) return refusal("steps must be >= 1");
     if (!PyList_Check(snapshots)) {
-        PyErr_Format(PyExc_TypeError, "snapshots must be a list, not %T", snapshots);
-        throw PyError::fetch();
+        raise_wrong_type("snapshots", "a list", snapshots);
     }
     const Py_ssize_t size = PyList_GET_SIZE(snapshots);
     if (steps > size) {

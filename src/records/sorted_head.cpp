@@ -9,12 +9,11 @@
 #include <vector>
 
 #include "editor/error.hpp"
+#include "records/objects.hpp"
 #include "records/sorted_head.hpp"
 
 namespace editor::records {
 namespace {
-
-bool is_text(PyObject* item) { return PyUnicode_CheckExact(item); }
 
 // PyUnicode_Compare cannot fail on two exact str objects.
 bool text_less(PyObject* a, PyObject* b) { return PyUnicode_Compare(a, b) < 0; }

@@ -1,7 +1,7 @@
 #include <Python.h>
 
-#include "editor/host.hpp"
-#include "editor/result.hpp"
+#include "editor/call.hpp"
+#include "editor/host/result.hpp"
 #include "records/edge_changes.hpp"
 #include "records/objects.hpp"
 #include "records/records.hpp"
@@ -10,8 +10,6 @@
 
 namespace editor::records {
 namespace {
-
-constexpr Py_ssize_t default_cap = 10;
 
 // set(map.get("symbols", {})), except that an exact dict stands for its own keys: they are
 // already distinct, and membership in it is decided as in the set of its keys.
@@ -28,7 +26,7 @@ Ref no_change_note() {
 }  // namespace
 
 Ref static_diff(PyObject* before, PyObject* after, PyObject* cap_arg) {
-    const Py_ssize_t cap = cap_arg ? clamped_index(cap_arg) : default_cap;
+    const Py_ssize_t cap = clamped_index(cap_arg);
     Ref out = check(PyDict_New());
     put_edge_changes(out.get(), before, after, cap);
     Ref symbols_before = symbol_ids(before);

@@ -9,11 +9,12 @@
 #include <optional>
 #include <vector>
 
-#include "editor/host.hpp"
+#include "editor/call.hpp"
 #include "editor/unpack.hpp"
 #include "records/objects.hpp"
 #include "records/sorted_head.hpp"
 #include "records/value_changes.hpp"
+#include "paths/paths.hpp"
 
 namespace editor::records {
 namespace {
@@ -54,7 +55,7 @@ Ref const_values(PyObject* map, const Keys& keys) {
             base = check(PyUnicode_Substring(scope, 0, is_module ? length - module_suffix_length : length));
         } else {
             Ref ends = call_method(scope, "endswith", keys.module_suffix.get());
-            const bool is_module = check_bool(PyObject_IsTrue(ends.get()));
+            const bool is_module = truthy(ends.get());
             if (!is_module && !check_bool(PySequence_Contains(scope, keys.css_marker.get()))) continue;
             Ref stop = check(PyLong_FromSsize_t(-module_suffix_length));
             Ref cut = check(PySlice_New(nullptr, stop.get(), nullptr));
@@ -66,7 +67,7 @@ Ref const_values(PyObject* map, const Keys& keys) {
         for (Py_ssize_t j = 0; j < PyList_GET_SIZE(bindings.get()); ++j) {
             PyObject* name = PyTuple_GET_ITEM(PyList_GET_ITEM(bindings.get(), j), 0);
             PyObject* records = PyTuple_GET_ITEM(PyList_GET_ITEM(bindings.get(), j), 1);
-            if (!check_bool(PyObject_IsTrue(records))) continue;
+            if (!truthy(records)) continue;
             Ref last = check(PyObject_GetItem(records, last_index.get()));
             Ref rhs;
             if (!PyDict_CheckExact(last.get())) {
@@ -98,9 +99,9 @@ Ref changed_values(PyObject* before, PyObject* after) {
         if (!check_bool(PyDict_GetItemRef(after, key.get(), new_value.out()))) continue;
         // `!=` itself, not an identity shortcut: a NaN value differs from itself.
         Ref differs = check(PyObject_RichCompare(old_value.get(), new_value.get(), Py_NE));
-        if (!check_bool(PyObject_IsTrue(differs.get()))) continue;
+        if (!truthy(differs.get())) continue;
         Ref line = check(
-            PyUnicode_FromFormat("%U: %R -> %R", base_name(key.get()).get(), old_value.get(), new_value.get()));
+            PyUnicode_FromFormat("%U: %R -> %R", paths::base_name(key.get()).get(), old_value.get(), new_value.get()));
         check(PyList_Append(changed.get(), line.get()));
     }
     return changed;
@@ -259,7 +260,7 @@ void put_differences(PyObject* out, const std::vector<Difference>& differences, 
     Ref added = check(PyList_New(0));
     Ref removed = check(PyList_New(0));
     for (const Difference& difference : differences) {
-        Ref shown = base_name(value_id(difference).get());
+        Ref shown = paths::base_name(value_id(difference).get());
         if (difference.old_value == nullptr) {
             check(PyList_Append(added.get(), shown.get()));
         } else if (difference.new_value == nullptr) {

@@ -1,7 +1,7 @@
 #include <Python.h>
 
-#include "editor/host.hpp"
-#include "editor/pathlib.hpp"
+#include "editor/host/ns.hpp"
+#include "editor/host/pathlib.hpp"
 #include "semantic/semantic.hpp"
 
 namespace editor::semantic {
@@ -65,7 +65,7 @@ Ref find_exe(PyObject* module, PyObject* names) {
     Ref name;
     while (check_bool(PyIter_NextItem(candidates.get(), (name = Ref()).out()))) {
         Ref found = call(which.get(), name.get());
-        if (check_bool(PyObject_IsTrue(found.get()))) return found;
+        if (truthy(found.get())) return found;
     }
     return Ref::borrow(Py_None);
 }
@@ -89,7 +89,7 @@ Ref cpp_context(PyObject* module, PyObject* abs_path) {
     if (!check_bool(PySequence_Contains(ns(module, "_CPP_SRC_EXT").get(), lower_suffix(path.get()).get()))) {
         return Ref::borrow(Py_None);
     }
-    Ref root = call(ns(module, "_repo_root").get(), path.get());
+    Ref root = call(ns(module, repo_root_sig).get(), path.get());
     Ref include = join(root.get(), "include");
     Ref src = join(root.get(), "src");
     Ref parent = attr(path.get(), "parent");
@@ -112,7 +112,7 @@ Ref java_context(PyObject* module, PyObject* abs_path) {
     if (!equal(lower_suffix(path.get()).get(), java.get())) return Ref::borrow(Py_None);
     Ref text = read_utf8_if_readable(path.get());
     if (!text) return Ref::borrow(Py_None);
-    Ref root = call(ns(module, "_repo_root").get(), path.get());
+    Ref root = call(ns(module, repo_root_sig).get(), path.get());
     Ref source_path = str("-sourcepath");
     Ref args = check(PyList_New(0));
     check(PyList_Append(args.get(), source_path.get()));

@@ -1,6 +1,6 @@
 #include <Python.h>
 
-#include "editor/host.hpp"
+#include "editor/host/ns.hpp"
 #include "editor/unpack.hpp"
 #include "semantic/finally.hpp"
 #include "semantic/semantic.hpp"
@@ -66,7 +66,7 @@ Ref scan(PyObject* diag, PyObject* completed) {
     Ref streams = check(PyList_New(0));
     for (const char* name : {"stderr", "stdout"}) {
         Ref captured = attr(completed, name);
-        if (!check_bool(PyObject_IsTrue(captured.get()))) captured = str("");
+        if (!truthy(captured.get())) captured = str("");
         check(PyList_Append(streams.get(), captured.get()));
     }
     Ref newline = str("\n");

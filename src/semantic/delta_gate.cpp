@@ -1,33 +1,33 @@
 #include <Python.h>
 
-#include "editor/args.hpp"
-#include "editor/boundary.hpp"
-#include "editor/host.hpp"
+#include "editor/closure.hpp"
+#include "editor/host/ns.hpp"
+#include "editor/host/pathlib.hpp"
+#include "editor/method.hpp"
 #include "editor/unpack.hpp"
+#include "parse/parse.hpp"
+#include "paths/paths.hpp"
 #include "semantic/finally.hpp"
-#include "editor/pathlib.hpp"
 #include "semantic/semantic.hpp"
 
 namespace editor::semantic {
 namespace {
 
-bool truthy(PyObject* object) { return check_bool(PyObject_IsTrue(object)); }
+// What errfn(p) of a compiled language closes over, as found when the gate reached the file, so
+// the run on the earlier text uses the compiler and build context of the edited one.
+enum class Compiler { module, exe, lang, cfg, ctx, count };
 
-// errfn(p) for a compiled language. Its `self` is (module, exe, lang, cfg, ctx) as found when the
-// gate reached the file, so the run on the earlier text uses the compiler and build context of
-// the edited one; `_compile_errors` itself is looked up at each call, like any module function.
-Ref compiler_errfn(PyObject* self, const Args& args) {
-    static constexpr Signature<1> sig{"errfn", {"p"}};
-    auto [p] = bind(sig, args);
-    Ref compile_errors = ns(PyTuple_GET_ITEM(self, 0), "_compile_errors");
-    return call(compile_errors.get(), PyTuple_GET_ITEM(self, 1), PyTuple_GET_ITEM(self, 2),
-                PyTuple_GET_ITEM(self, 3), p, PyTuple_GET_ITEM(self, 4));
+// `_compile_errors` itself is looked up at each call, like any module function.
+Ref compiler_errfn(PyObject* self, PyObject* p) {
+    Ref compile_errors = ns(member(self, Compiler::module), compile_errors_sig);
+    return call(compile_errors.get(), member(self, Compiler::exe), member(self, Compiler::lang),
+                member(self, Compiler::cfg), p, member(self, Compiler::ctx));
 }
 
-PyMethodDef compiler_errfn_def = {
-    "errfn", _PyCFunction_CAST(entry<compiler_errfn>), METH_FASTCALL | METH_KEYWORDS,
-    PyDoc_STR("errfn($self, /, p)\n--\n\n"
-              "Compiler errors of the file at p, in the build context found for it.")};
+constexpr Signature errfn_sig{"errfn", "p"};
+
+PyMethodDef compiler_errfn_def = closure_method<errfn_sig, compiler_errfn,
+    "Compiler errors of the file at p, in the build context found for it.">();
 
 // How often each message occurs; lines play no part, so an error that moved still cancels.
 Ref message_counts(PyObject* errors) {
@@ -69,18 +69,9 @@ Ref first_new_error(PyObject* label, PyObject* after, PyObject* before) {
     return Ref::borrow(Py_None);
 }
 
-// The base name whatever the separator: backslashes count as "/".
-Ref display_name(PyObject* abs_path) {
-    Ref backslash = str("\\");
-    Ref slash = str("/");
-    Ref forward = call_method(abs_path, "replace", backslash.get(), slash.get());
-    Ref parts = check(PyUnicode_RSplit(forward.get(), slash.get(), 1));
-    return Ref::borrow(PyList_GET_ITEM(parts.get(), PyList_GET_SIZE(parts.get()) - 1));
-}
-
 bool still_exists(PyObject* module, PyObject* abs_path) {
     try {
-        return truthy(call(ns_attr(module, "os", "path", "exists").get(), abs_path).get());
+        return path_is(module, "exists", abs_path);
     } catch (PyError& error) {
         if (!error.matches(PyExc_OSError)) throw;
         return false;
@@ -94,27 +85,26 @@ Ref semantic_errfn(PyObject* module, PyObject* abs_path, PyObject* lang) {
     if (check_bool(PySequence_Contains(languages.get(), lang))) {
         Ref cfg = check(PyObject_GetItem(languages.get(), lang));
         Ref candidates = check(PyMapping_GetItemString(cfg.get(), "exe"));
-        Ref exe = call(ns(module, "_find_exe").get(), candidates.get());
+        Ref exe = call(ns(module, find_exe_sig).get(), candidates.get());
         if (exe.get() == Py_None) return Ref::borrow(Py_None);
         Ref context = check(PyMapping_GetItemString(cfg.get(), "context"));
         Ref ctx = call(context.get(), abs_path);
         if (ctx.get() == Py_None) return Ref::borrow(Py_None);
-        Ref closure = check(PyTuple_Pack(5, module, exe.get(), lang, cfg.get(), ctx.get()));
-        Ref module_name = check(PyModule_GetNameObject(module));
-        Ref errfn = check(PyCFunction_NewEx(&compiler_errfn_def, closure.get(), module_name.get()));
+        Ref closure = make_closure<Compiler>({module, exe.get(), lang, cfg.get(), ctx.get()});
+        Ref errfn = make_function(compiler_errfn_def, closure.get(), module);
         Ref label = check(PyMapping_GetItemString(cfg.get(), "label"));
         return check(PyTuple_Pack(2, label.get(), errfn.get()));
     }
     Ref python = str("python");
     if (check_bool(PyObject_RichCompareBool(lang, python.get(), Py_EQ))) {
-        return check(PyTuple_Pack(2, python.get(), ns(module, "_pyflakes_errors").get()));
+        return check(PyTuple_Pack(2, python.get(), ns(module, pyflakes_errors_sig).get()));
     }
     return Ref::borrow(Py_None);
 }
 
 Ref semantic_delta_check(PyObject* module, PyObject* abs_path, PyObject* lang, PyObject* before_text) {
     if (before_text == Py_None) return Ref::borrow(Py_None);
-    Ref resolved = call(ns(module, "_semantic_errfn").get(), abs_path, lang);
+    Ref resolved = call(ns(module, semantic_errfn_sig).get(), abs_path, lang);
     if (resolved.get() == Py_None) return Ref::borrow(Py_None);
     auto [label, errfn] = unpack<2>(resolved.get());
     // A clean file, or one that cannot be evaluated, costs one run.
@@ -143,11 +133,11 @@ Ref commit_time_check(PyObject* module, PyObject* touched) {
         auto [abs_path, before_text] = unpack<2>(entry.get());
         if (!still_exists(module, abs_path.get())) continue;
         Ref suffix = lower_suffix(make_path(module, abs_path.get()).get());
-        Ref lang = call(ns(module, "_native_language").get(), suffix.get());
+        Ref lang = call(ns(module, parse::native_language_sig).get(), suffix.get());
         if (lang.get() == Py_None) continue;
-        Ref err = call(ns(module, "_semantic_delta_check").get(), abs_path.get(), lang.get(), before_text.get());
+        Ref err = call(ns(module, semantic_delta_check_sig).get(), abs_path.get(), lang.get(), before_text.get());
         if (!PyUnicode_Check(err.get()) || PyUnicode_GET_LENGTH(err.get()) == 0) continue;
-        Ref name = display_name(abs_path.get());
+        Ref name = paths::base_name(abs_path.get());
         check(PyList_Append(results.get(), check(PyUnicode_FromFormat("%U: %U", name.get(), err.get())).get()));
     }
     return results;

@@ -1,9 +1,9 @@
 #include <Python.h>
 
-#include "editor/args.hpp"
-#include "editor/boundary.hpp"
-#include "editor/host.hpp"
-#include "editor/pathlib.hpp"
+#include "editor/closure.hpp"
+#include "editor/host/ns.hpp"
+#include "editor/host/pathlib.hpp"
+#include "editor/method.hpp"
 #include "semantic/semantic.hpp"
 
 namespace editor::semantic {
@@ -24,57 +24,47 @@ Ref message_text(PyObject* m) {
     return attr(m, "message");
 }
 
-// The reporter's methods. Their `self` is the (findings, module) pair of one call, so each call
-// collects into its own list and the module keeps nothing between calls.
-Ref flake(PyObject* self, const Args& args) {
-    static constexpr Signature<1> sig{"flake", {"m"}};
-    auto [m] = bind(sig, args);
-    PyObject* findings = PyTuple_GET_ITEM(self, 0);
-    PyObject* module = PyTuple_GET_ITEM(self, 1);
+// What the reporter's methods close over: the findings list of one call, so each call collects
+// into its own list and the module keeps nothing between calls.
+enum class Reporter { findings, module, count };
+
+Ref flake(PyObject* self, PyObject* m) {
     // The exact class: style findings share base classes with the errors.
     Ref kind = check(PyType_GetName(Py_TYPE(m)));
-    if (!check_bool(PySequence_Contains(ns(module, "_PYFLAKES_ERROR_TYPES").get(), kind.get()))) return Ref::borrow(Py_None);
+    Ref error_types = ns(member(self, Reporter::module), "_PYFLAKES_ERROR_TYPES");
+    if (!check_bool(PySequence_Contains(error_types.get(), kind.get()))) return Ref::borrow(Py_None);
     Ref text = message_text(m);
     Ref line = attr(m, "lineno");
-    check(PyList_Append(findings, check(PyTuple_Pack(2, text.get(), line.get())).get()));
+    check(PyList_Append(member(self, Reporter::findings), check(PyTuple_Pack(2, text.get(), line.get())).get()));
     return Ref::borrow(Py_None);
 }
 
 // Syntax errors are the syntax check's business, and pyflakes' own failures make the whole
 // analysis void anyway (it raises then): both reports are ignored.
-Ref unexpected_error(PyObject*, const Args& args) {
-    static constexpr Signature<2> sig{"unexpectedError", {"filename", "msg"}};
-    (void)bind(sig, args);
-    return Ref::borrow(Py_None);
-}
+template <typename... Params>
+void ignore(Params...) {}
 
-Ref syntax_error(PyObject*, const Args& args) {
-    static constexpr Signature<5> sig{"syntaxError", {"filename", "msg", "lineno", "offset", "text"}};
-    (void)bind(sig, args);
-    return Ref::borrow(Py_None);
-}
+constexpr Signature flake_sig{"flake", "m"};
+constexpr Signature unexpected_error_sig{"unexpectedError", "filename", "msg"};
+constexpr Signature syntax_error_sig{"syntaxError", "filename", "msg", "lineno", "offset", "text"};
 
 PyMethodDef reporter_methods[] = {
-    {"flake", _PyCFunction_CAST(entry<flake>), METH_FASTCALL | METH_KEYWORDS,
-     PyDoc_STR("flake($self, /, m)\n--\n\nRecord m when its class is one of the semantic errors.")},
-    {"unexpectedError", _PyCFunction_CAST(entry<unexpected_error>), METH_FASTCALL | METH_KEYWORDS,
-     PyDoc_STR("unexpectedError($self, /, filename, msg)\n--\n\nIgnored.")},
-    {"syntaxError", _PyCFunction_CAST(entry<syntax_error>), METH_FASTCALL | METH_KEYWORDS,
-     PyDoc_STR("syntaxError($self, /, filename, msg, lineno, offset, text)\n--\n\nIgnored.")},
+    closure_method<flake_sig, flake, "Record m when its class is one of the semantic errors.">(),
+    closure_method<unexpected_error_sig, ignore<PyObject*, PyObject*>, "Ignored.">(),
+    closure_method<syntax_error_sig, ignore<PyObject*, PyObject*, PyObject*, PyObject*, PyObject*>, "Ignored.">(),
 };
 
 // A reporter class of its own for one call, made the way a class statement makes one. Built-in
 // functions do not bind to instances, so the methods keep the call's pair as their `self`.
 Ref reporter_class(PyObject* module, PyObject* findings) {
-    Ref closure = check(PyTuple_Pack(2, findings, module));
+    Ref closure = make_closure<Reporter>({findings, module});
     Ref module_name = check(PyModule_GetNameObject(module));
     Ref body = check(PyDict_New());
     check(PyDict_SetItemString(body.get(), "__module__", module_name.get()));
     check(PyDict_SetItemString(body.get(), "__qualname__", str("_pyflakes_errors.<locals>._Collector").get()));
     check(PyDict_SetItemString(body.get(), "__doc__", str("Collects one file's pyflakes errors.").get()));
     for (PyMethodDef& def : reporter_methods) {
-        Ref method = check(PyCFunction_NewEx(&def, closure.get(), module_name.get()));
-        check(PyDict_SetItemString(body.get(), def.ml_name, method.get()));
+        check(PyDict_SetItemString(body.get(), def.ml_name, make_function(def, closure.get(), module).get()));
     }
     Ref name = str("_Collector");
     Ref bases = check(PyTuple_Pack(1, reinterpret_cast<PyObject*>(&PyBaseObject_Type)));

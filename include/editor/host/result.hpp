@@ -6,7 +6,7 @@
 
 #include <initializer_list>
 
-#include "editor/host.hpp"
+#include "editor/call.hpp"
 
 namespace editor {
 

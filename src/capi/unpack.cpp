@@ -1,3 +1,4 @@
+// The unpacking behind unpack.hpp, with the interpreter's own messages.
 #include <Python.h>
 
 #include "editor/unpack.hpp"
@@ -16,8 +17,7 @@ void unpack(PyObject* value, std::size_t count, Ref* out) {
     }
     for (std::size_t i = 0; i < count; ++i) {
         if (!check_bool(PyIter_NextItem(items.get(), out[i].out()))) {
-            PyErr_Format(PyExc_ValueError, "not enough values to unpack (expected %zu, got %zu)", count, i);
-            throw PyError::fetch();
+            raise_format(PyExc_ValueError, "not enough values to unpack (expected %zu, got %zu)", count, i);
         }
     }
     Ref extra;
@@ -25,11 +25,9 @@ void unpack(PyObject* value, std::size_t count, Ref* out) {
     // The interpreter names the length only for the containers whose size it can read directly.
     if (PyList_CheckExact(value) || PyTuple_CheckExact(value) || PyDict_CheckExact(value)) {
         const Py_ssize_t size = PyDict_CheckExact(value) ? PyDict_GET_SIZE(value) : Py_SIZE(value);
-        PyErr_Format(PyExc_ValueError, "too many values to unpack (expected %zu, got %zd)", count, size);
-    } else {
-        PyErr_Format(PyExc_ValueError, "too many values to unpack (expected %zu)", count);
+        raise_format(PyExc_ValueError, "too many values to unpack (expected %zu, got %zd)", count, size);
     }
-    throw PyError::fetch();
+    raise_format(PyExc_ValueError, "too many values to unpack (expected %zu)", count);
 }
 
 }  // namespace editor::detail

@@ -4,9 +4,14 @@
 #pragma once
 #include <Python.h>
 
-#include "editor/host.hpp"
+#include "editor/host/ns.hpp"
 
 namespace editor {
+
+// `os.path.<test>(path)` of the module's current `os` ("exists", "isdir"), as a C++ bool.
+[[nodiscard]] inline bool path_is(PyObject* module, const char* test, PyObject* path) {
+    return truthy(call(ns_attr(module, "os", "path", test).get(), path).get());
+}
 
 [[nodiscard]] inline Ref make_path(PyObject* module, PyObject* path) {
     return call(ns(module, "Path").get(), path);
@@ -21,7 +26,7 @@ namespace editor {
 // path.<predicate>(), e.g. "is_dir" or "exists".
 [[nodiscard]] inline bool holds(PyObject* path, const char* predicate) {
     Ref answer = call_method(path, predicate);
-    return check_bool(PyObject_IsTrue(answer.get()));
+    return truthy(answer.get());
 }
 
 // path.suffix.lower(): the last component's extension with its dot, in lower case.

@@ -1,6 +1,4 @@
-// Calling the host: names looked up in the module namespace at the moment of the call (so a host
-// that replaces a module attribute changes what the operations use), attribute chains, and
-// vectorcalls with borrowed arguments.
+// Calling Python objects: attribute lookups and vectorcalls with borrowed arguments.
 #pragma once
 #include <Python.h>
 
@@ -12,26 +10,8 @@
 
 namespace editor {
 
-// The module's current binding of `name`; NameError, as for a Python global, when unbound.
-[[nodiscard]] inline Ref ns(PyObject* module, const char* name) {
-    Ref value;
-    if (!check_bool(PyDict_GetItemStringRef(PyModule_GetDict(module), name, value.out()))) {
-        PyErr_Format(PyExc_NameError, "name '%s' is not defined", name);
-        throw PyError::fetch();
-    }
-    return value;
-}
-
 [[nodiscard]] inline Ref attr(PyObject* object, const char* name) {
     return check(PyObject_GetAttrString(object, name));
-}
-
-// `module.<first>.<rest>...` resolved now, e.g. ns_attr(m, "os", "path", "realpath").
-template <typename... Names>
-[[nodiscard]] Ref ns_attr(PyObject* module, const char* first, Names... rest) {
-    Ref value = ns(module, first);
-    ((value = attr(value.get(), rest)), ...);
-    return value;
 }
 
 // callable(*args) with borrowed arguments.
