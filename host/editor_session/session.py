@@ -313,17 +313,23 @@ class Session:
         details = {"mode": one["mode"], "anchor": one["anchor"]} if blocks is None else {}
         return self._write("edit", path, operation, details)
 
+    def _guarded_target(self, path: str, allow_hard_links: bool) -> str | dict:
+        """The resolved absolute path, or the refusal of resolution or of the guards."""
+        assert self._live is not None
+        target = editor.resolve_target(self.root, path, self._live.known_paths())
+        if isinstance(target, dict):
+            return target
+        problem = guards.file_problem(self.root, target, allow_hard_links)
+        return target if problem is None else {"error": problem}
+
     def _write(self, tool: str, path: str, operation: Callable[[str], dict], details: dict,
                post: str | None = None) -> dict:
         live, store = self._live, self.store
         assert live is not None
-        target = editor.resolve_target(self.root, path, live.known_paths())
+        target = self._guarded_target(path, self.allow_hard_links)
         if isinstance(target, dict):
             return target
         rel = self._rel(target)
-        problem = guards.file_problem(self.root, target, self.allow_hard_links)
-        if problem is not None:
-            return {"error": problem}
         ledger_steps = self._prepare_ledger()
         try:
             pre = journal.read_bytes(target)
@@ -386,13 +392,11 @@ class Session:
     def _delete(self, path: str) -> dict:
         live, store = self._live, self.store
         assert live is not None
-        target = editor.resolve_target(self.root, path, live.known_paths())
+        # Deleting one name of a hard-linked file leaves the other copies as they are.
+        target = self._guarded_target(path, allow_hard_links=True)
         if isinstance(target, dict):
             return target
         rel = self._rel(target)
-        problem = guards.file_problem(self.root, target, allow_hard_links=True)
-        if problem is not None:
-            return {"error": problem}
         is_file = os.path.isfile(target) and not os.path.islink(target)
         first_touch: str | None = None
         pre = None
