@@ -13,13 +13,14 @@ the worker itself (already on the large stack) runs in place instead of waiting 
 import functools
 import queue
 import threading
+from collections.abc import Callable
 
 STACK_SIZE = 512 * 1024 * 1024
 
 # threading.stack_size is process-wide: hold it only while starting our own thread.
 _start_lock = threading.Lock()
 _worker = None
-_jobs = queue.SimpleQueue()
+_jobs: queue.SimpleQueue[Callable[[], None] | None] = queue.SimpleQueue()  # None tells the worker to stop
 
 
 def _serve():

@@ -11,6 +11,7 @@ unit that includes them, runs javac on about one core, and makes every compile t
 import itertools
 import os
 import threading
+from collections.abc import Callable
 from contextlib import contextmanager
 from pathlib import Path
 
@@ -22,7 +23,7 @@ from .swap_lock import SwapLock
 _local = threading.local()
 _install_lock = threading.Lock()
 _installs = 0
-_original = None
+_original: Callable[[str, str], object] | None = None  # the module's own analyser while a check runs
 
 # Languages whose files can see each other's text, by the lock they share.
 _FAMILY = {"c": "c", "cpp": "c", "java": "java"}
@@ -114,7 +115,7 @@ def _c_analyser(scope: Scope, abs_path: str, lang: str):
     entries = scope.entries
     entry = compile_db.entry_near(entries, abs_path) if header else entries.get(os.path.realpath(abs_path))
     if entry is None and not header:
-        return _original(abs_path, lang)
+        return _passed_on(abs_path, lang)
     if entry is not None:
         if header and lang == "c":
             # ".h" serves C++ projects too: the build that includes it knows which.
@@ -140,10 +141,16 @@ def _java_analyser(abs_path: str):
     return _compiler("java", cfg, ([*JAVAC_ONE_CORE, *args], cwd))
 
 
+def _passed_on(abs_path: str, lang: str) -> object:
+    """The module's own analyser's answer; only asked for while installed."""
+    assert _original is not None
+    return _original(abs_path, lang)
+
+
 def _gate_errfn(abs_path, lang):
     run = getattr(_local, "run", None)
     if run is None or lang not in _FAMILY:
-        return _original(abs_path, lang)
+        return _passed_on(abs_path, lang)
     if lang in _STAND_IN_SUFFIX:
         resolved = _c_analyser(run.scope, abs_path, lang)
     else:

@@ -93,7 +93,7 @@ def _call(session: Session, args: argparse.Namespace) -> dict:
         "read": lambda: session.read(args.path, args.start, args.end),
         "edit": lambda: session.edit(args.path, args.start, args.end, content or "", args.mode, args.anchor,
                                      args.tag, blocks, args.dry_run),
-        "create": lambda: session.create(args.path, content),
+        "create": lambda: session.create(args.path, content or ""),
         "delete": lambda: session.delete(args.path),
         "rollback": lambda: session.rollback(args.steps),
         "redo": lambda: session.redo(args.steps),

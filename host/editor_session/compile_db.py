@@ -86,4 +86,5 @@ def entry_near(entries: dict[str, Entry], header: str) -> Entry | None:
     real = Path(os.path.realpath(header))
     beside = [e for key, e in entries.items() if Path(key).parent == real.parent]
     same_stem = [e for e in beside if Path(e.source).stem == real.stem]
-    return (same_stem or beside or [None])[0]
+    likely = same_stem or beside
+    return likely[0] if likely else None

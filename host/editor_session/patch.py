@@ -6,7 +6,9 @@ and marks a last line without an end, so `git apply` can take it as it is.
 """
 
 import os
+from collections.abc import Callable
 from pathlib import Path
+from typing import Literal
 
 import editor
 
@@ -99,4 +101,5 @@ def patch(root: str, touched: dict) -> str:
     return "".join(chunk + "\n" for chunk in chunks)
 
 
-FORMS = {"unified": unified, "patch": patch}
+Form = Literal["unified", "patch"]
+FORMS: dict[Form, Callable[[str, dict], str]] = {"unified": unified, "patch": patch}

@@ -65,7 +65,7 @@ Tag = Annotated[str | None, Field(description=(
     "refused with the current tag and the current text of the addressed lines, so you can re-aim it."))]
 DryRun = Annotated[bool, Field(description=(
     "Only show the unified diff the edit would make and its syntax verdict; write nothing."))]
-DiffForm = Annotated[Literal[tuple(patch.FORMS)], Field(description=(  # type: ignore[valid-type]
+DiffForm = Annotated[patch.Form, Field(description=(
     "'unified' to read, or 'patch' for a patch `git apply` accepts (/dev/null for created and "
     "deleted files)."))]
 

@@ -410,6 +410,7 @@ class Session:
             text_hash = None if first_touch is None else store.put_blob(first_touch.encode("utf-8"))
             image = images.capture(target, store.put_blob)  # what undoing the deletion puts back
             raw_before = live.raw_id
+            assert raw_before is not None  # every call ends by saving the live raw
             entry = (journal.file_entry(store, rel, pre, None) if is_file
                      else {"rel": rel, "pre": journal.DIRECTORY, "post": None})
             intent = {"kind": "delete", "files": [entry],

@@ -15,13 +15,18 @@ file names, and a record is looked at only when a change or a resolution reaches
 """
 
 from collections import Counter
+from collections.abc import Callable
+from typing import Any
 
 from .mentions import Reexports, key_words, words_of
-from .resolve import EMPTY_INFO, FileResolver, file_info, module_name
+from .resolve import EMPTY_INFO, DepKey, FileInfo, FileResolver, file_info, module_name
 
 # The ids of a name defined in up to this many places are read from `names`; of one defined in
 # more (helpers, `save`, `__init__`), only the count.
 _FEW = 4
+
+# (group, short name, limit) -> (count, ids or None when there are more than limit)
+Names = Callable[[str, str, int | None], tuple[int, list[str] | None]]
 
 
 def enrich(raw: dict) -> dict:
@@ -32,22 +37,22 @@ def enrich(raw: dict) -> dict:
 class Atlas:
     """Incremental state over one raw IR; `switch` moves it to another raw IR."""
 
-    def __init__(self, raw: dict, names=None):
+    def __init__(self, raw: dict, names: Names | None = None):
         self.raw = raw
-        self._lookup = names          # callable (group, short name, limit) -> (count, ids or None), or None
+        self._lookup = names
         self._files = raw["files"]
-        self._infos = {}              # rel -> (record, FileInfo)
-        self._words = {}              # rel -> (record, names it mentions)
-        self._modules = {}            # dotted -> set of rels
-        self._module_files = {}       # dotted -> the rel an import of it loads
-        self._namespaces = Counter()  # dotted module or package prefix -> modules below it
-        self._by_name = {}            # (group, short name) -> set of symbol ids
-        self._edges = {}              # rel -> [(caller id, callee id)], for resolved files
-        self._deps = {}               # rel -> dependency keys its resolution looked at
-        self._dependents = {}         # dependency key -> rels
-        self._callers = {}            # callee id -> set of caller ids
-        self._reexports = None        # built on the first change that moves a name
-        self._whole = None
+        self._infos: dict[str, tuple[dict | None, FileInfo]] = {}   # rel -> (record, its info)
+        self._words: dict[str, tuple[dict, frozenset]] = {}          # rel -> (record, names it mentions)
+        self._modules: dict[str, set[str]] = {}                      # dotted -> rels
+        self._module_files: dict[str, str] = {}                      # dotted -> the rel an import of it loads
+        self._namespaces: Counter[str] = Counter()                   # dotted module or prefix -> modules below it
+        self._by_name: dict[tuple[str, str], set[str] | _Crowd] = {}  # (group, short name) -> symbol ids
+        self._edges: dict[str, list[tuple[str, str]]] = {}          # rel -> (caller id, callee id), for resolved files
+        self._deps: dict[str, set[DepKey]] = {}                      # rel -> dependency keys its resolution looked at
+        self._dependents: dict[DepKey, set[str]] = {}                # dependency key -> rels
+        self._callers: dict[str, set[str]] = {}                      # callee id -> caller ids
+        self._reexports: Reexports | None = None                     # built on the first change that moves a name
+        self._whole: dict[str, Any] | None = None
         for rel in self._files:
             dotted = module_name(rel)
             if dotted:
@@ -105,8 +110,8 @@ class Atlas:
         affected = dict.fromkeys(changed)
         for key in moved:
             affected.update(dict.fromkeys(self._dependents.get(key, ())))
-        before = {"edges": [], "symbols": {}, "defs": {}}
-        after = {"edges": [], "symbols": {}, "defs": {}}
+        before: dict[str, Any] = {"edges": [], "symbols": {}, "defs": {}}
+        after: dict[str, Any] = {"edges": [], "symbols": {}, "defs": {}}
         for rel in affected:
             before["edges"] += _edge_maps(self._edges.get(rel, ()))
             self._unresolve(rel)
@@ -121,7 +126,7 @@ class Atlas:
     def enriched(self) -> dict:
         """The whole enriched map of the current raw IR."""
         if self._whole is None:
-            whole = {"edges": [], "symbols": {}, "defs": {}}
+            whole: dict[str, Any] = {"edges": [], "symbols": {}, "defs": {}}
             for rel, record in self._files.items():
                 if rel not in self._edges:
                     self._resolve(rel)
@@ -146,11 +151,13 @@ class Atlas:
 
     # --- what a change moves -----------------------------------------------------------
 
-    def _moved_keys(self, changed, old_files, new_files, infos) -> set:
+    def _moved_keys(self, changed, old_files, new_files, infos) -> set[DepKey]:
         """The dependency keys whose answer the change alters. Names and modules are judged by
         the answers the resolver gets, before and after, so that a name defined in many places
         gaining one more moves nothing."""
-        moved, pairs, modules = set(), set(), set()
+        moved: set[DepKey] = set()
+        pairs: set[tuple[str, str]] = set()
+        modules: set[str] = set()
         for rel, (old_info, new_info) in infos.items():
             moved.update(("bind", rel, name) for name in old_info.defs ^ new_info.defs)
             moved.update(("bind", rel, name) for name in old_info.imports.keys() | new_info.imports.keys()
@@ -197,7 +204,7 @@ class Atlas:
 
     def _mentioning(self, words: set) -> list:
         """The unresolved files that mention one of `words`."""
-        found = []
+        found: list[str] = []
         if not words:
             return found
         for rel, record in self._files.items():

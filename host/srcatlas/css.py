@@ -8,7 +8,8 @@ _CSS_COMMENT = re.compile(r"/\*.*?\*/", re.S)
 def css_scopes(text: str) -> dict:
     """{"css::{selector}": {property: [{"line", "rhs"}]}} for each rule, at-rules nested."""
     clean = _CSS_COMMENT.sub(lambda m: re.sub(r"[^\n]", " ", m.group()), text)
-    scopes, stack, start = {}, [], 0
+    scopes: dict[str, dict[str, list[dict[str, int | str]]]] = {}
+    stack, start = [], 0
     for match in re.finditer(r"[{};]", clean):
         chunk = clean[start:match.start()]
         if match.group() == "{":

@@ -24,7 +24,8 @@ def index_python(text: str) -> dict:
         # A file that does not parse keeps no symbols: the static diff then shows what the
         # breaking edit removed, which is what the model needs to see.
         return {"kind": "python", "symbols": [], "calls": {}, "imports": {}, "stars": [], "defs": {}}
-    symbols, module_defs, constants = [], {}, set()
+    module_defs: dict[str, list[dict[str, int | str]]] = {}
+    symbols, constants = [], set()
     scan = _Scan()
     for node in tree.body:
         if isinstance(node, _DEFS):

@@ -13,6 +13,12 @@ from typing import NamedTuple
 _MAX_HOPS = 8
 EXTERNAL = ("external",)
 
+# A fact outside a file that its resolution looked at: ("mod", dotted), ("bind", rel, name),
+# ("stars", rel) or ("name", short).
+DepKey = tuple[str, ...]
+# What a name leads to: ("sym", id), ("mod", dotted), ("def" or "method", short name) or EXTERNAL.
+Meaning = tuple[str, ...]
+
 
 class FileInfo(NamedTuple):
     """What the resolver needs of one file, with its imports made absolute for its place."""
@@ -30,7 +36,7 @@ def file_info(record: dict, rel: str) -> FileInfo:
     if not symbols and not record.get("imports") and not record.get("stars"):
         return EMPTY_INFO
     callable_ = [(qual, kind) for qual, kind, _ in symbols or () if kind != "constant"]
-    absolute = {}
+    absolute: dict[str, str | None] = {}
     imports = {name: (absolute[module] if module in absolute else
                       absolute.setdefault(module, absolute_module(module, rel)), attr)
                for name, (module, attr) in (record.get("imports") or {}).items()}
@@ -68,11 +74,13 @@ class FileResolver:
     of everything it looked at in other files."""
 
     def __init__(self, names, rel: str):
-        self.names, self.rel, self.deps = names, rel, set()
+        self.names, self.rel = names, rel
+        self.deps: set[DepKey] = set()
         self.info = names.info(rel)
 
     def edges(self, record: dict) -> list:
-        found, memo = {}, {}
+        found: dict[tuple[str, str], None] = {}
+        memo: dict[str | tuple[str, str | None], str | None] = {}
         prefix = self.rel + "::"
         for caller, targets in (record.get("calls") or {}).items():
             cls = caller.partition(".")[0] if "." in caller else None
@@ -80,8 +88,9 @@ class FileResolver:
                 key = (target, cls) if target.startswith(("self.", "cls.")) else target
                 if key not in memo:
                     memo[key] = self._callee(target, cls)
-                if memo[key]:
-                    found[(prefix + caller, memo[key])] = None
+                callee = memo[key]
+                if callee:
+                    found[(prefix + caller, callee)] = None
         return list(found)
 
     def _callee(self, target: str, cls: str | None) -> str | None:
@@ -90,7 +99,7 @@ class FileResolver:
             member = f"{cls}.{parts[1]}"
             if len(parts) == 2 and parts[0] and cls and member in self.info.defs:
                 return f"{self.rel}::{member}"
-            meaning = ("method", parts[-1])
+            meaning: Meaning | None = ("method", parts[-1])
         else:
             meaning = self._binding(self.rel, parts[0], 0)
             if meaning is None:
