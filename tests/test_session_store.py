@@ -14,7 +14,8 @@ from helpers import immutable, tree_digest
 import editor
 import projstore
 from editor_session.session import Session
-from editor_session.store import STORE_NAME, SessionError
+from editor_session import images
+from editor_session.store import STORE_NAME, SessionError, Store
 
 ROOT = Path(__file__).resolve().parent.parent
 
@@ -102,6 +103,59 @@ def test_a_rollback_cut_short_is_settled_on_open(proj, monkeypatch, dies_in, a_a
     assert [bool(e.get("rolled_back")) for e in again.ledger()["entries"]] == [depth == 0]
 
 
+def files_under(top):
+    return {str(p.relative_to(top)): p.read_bytes() for p in sorted(Path(top).rglob("*")) if p.is_file()}
+
+
+def _cut_deletion(root, target):
+    os.unlink(os.path.join(target, "b.py"))
+    raise Killed
+
+
+def _cut_restore(path, image, get):
+    os.makedirs(os.path.join(path, "deep"))
+    Path(path, "b.py").write_text("B")
+    raise Killed
+
+
+@pytest.mark.parametrize("before, call, dies_in, whole, depth, ledger_flags", [
+    ([], lambda s: s.delete("sub"), (editor, "delete_file", _cut_deletion), True, 0, []),
+    (["delete"], lambda s: s.rollback(1), (images, "restore", _cut_restore), False, 1, [False]),
+    (["delete", "rollback"], lambda s: s.redo(1), (editor, "delete_file", _cut_deletion), True, 0, [True]),
+    # Every file in place, the ledger not yet marked: finished, with the older edit inside undone too.
+    (["edit", "delete"], lambda s: s.rollback(2), (editor, "ledger_mark_rolled_back", die), True, 0, [True, True]),
+])
+def test_a_tree_cut_short_is_whole_after_open(proj, monkeypatch, before, call, dies_in, whole, depth, ledger_flags):
+    (proj / "sub" / "deep").mkdir()
+    (proj / "sub" / "deep" / "c.txt").write_bytes(b"C\r\n")
+    original = files_under(proj / "sub")
+    s = Session.open(str(proj))
+    steps = {"delete": lambda: s.delete("sub"), "rollback": lambda: s.rollback(1),
+             "edit": lambda: s.edit("sub/b.py", 1, None, "B = 20\n")}
+    for name in before:
+        assert "error" not in steps[name]()
+    dying(monkeypatch, *dies_in)
+    with pytest.raises(Killed):
+        call(s)
+    again = Session.open(str(proj))
+    assert again.status()["recovered"] and again.status()["depth"] == depth
+    assert files_under(proj / "sub") == (original if whole else {}) and (proj / "sub").exists() == whole
+    assert [bool(e.get("rolled_back")) for e in again.ledger()["entries"]] == ledger_flags
+
+
+def test_a_redo_cut_short_takes_back_its_ledger_entries(proj, monkeypatch):
+    s = Session.open(str(proj))
+    _edit_a(s)
+    s.rollback(1)
+    dying(monkeypatch, Store, "add_step")  # after the module appended the redone step's entry
+    with pytest.raises(Killed):
+        s.redo(1)
+    again = Session.open(str(proj))
+    assert (proj / "a.py").read_text() == "A = 1\n" and again.status()["depth"] == 0
+    assert [bool(e.get("rolled_back")) for e in again.ledger()["entries"]] == [True]
+    assert again.redo(1)["redone"][0]["step"] == 2 and (proj / "a.py").read_text() == "A = 10\n"
+
+
 def test_a_host_exception_after_the_write_is_a_step(proj):
     s = Session.open(str(proj))
     result = s.create("deep.py", "x = " + "-" * 100000 + "1\n")
@@ -134,6 +188,20 @@ def test_partial_rollback_consumes_exactly_what_it_popped(proj):
     assert s.status()["depth"] == 1 and (proj / "sub" / "b.py").read_text() == "B = 2\n"
     assert s.rollback(1)["restored"] == ["a.py"] and (proj / "a.py").read_text() == "A = 1\n"
     assert all(e.get("rolled_back") for e in s.ledger()["entries"])
+
+
+def test_an_undone_rollback_leaves_nothing_to_redo(proj, monkeypatch):
+    s = Session.open(str(proj))
+    _edit_a(s)
+    s.create("c.py", "C = 3\n")
+    s.edit("sub/b.py", 1, None, "B = 20\n")
+    (proj / "c.py").unlink()  # the rollback stops there, after undoing the newest step
+    dying(monkeypatch, editor, "ledger_mark_rolled_back")
+    with pytest.raises(Killed):
+        s.rollback(3)
+    again = Session.open(str(proj))
+    assert again.status()["depth"] == 3 and (proj / "sub" / "b.py").read_text() == "B = 20\n"
+    assert "0 undone step(s)" in again.redo(1)["error"]
 
 
 def test_unreadable_ledger_is_moved_aside(proj):

@@ -25,6 +25,7 @@ def capture(abs_path: str, put: Put) -> Image:
         return None
     dirs, files, links = [], {}, {}
     for folder, subdirs, names in os.walk(abs_path):
+        subdirs.sort()  # the same tree gives the same image, however its folders are listed
         for name in sorted(subdirs + names):
             path = os.path.join(folder, name)
             sub = os.path.relpath(path, abs_path)

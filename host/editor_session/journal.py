@@ -5,7 +5,8 @@ file's bytes now ("pre", its pre-image stored as a blob; None when the file is a
 known, of the bytes it will leave ("post"; None when the call removes the file, UNKNOWN when only
 the module knows). The transaction that records the call's outcome clears the mark. A mark found
 on open means the process died in between: each file is brought back to its pre-image unless its
-hash proves the call finished.
+hash proves the call finished. A tree (a directory or link that a call takes away or puts back)
+is marked by its images instead of hashes ("tree" set): recovery compares and restores it whole.
 """
 
 from __future__ import annotations
@@ -16,7 +17,7 @@ import signal
 import threading
 from typing import Iterator
 
-from . import guards
+from . import guards, images
 from .store import Store, digest
 
 PENDING = "pending"
@@ -46,6 +47,33 @@ def file_entry(store: Store, rel: str, pre: bytes | None, post: str | None) -> d
     return {"rel": rel, "pre": None if pre is None else store.put_blob(pre).hex(), "post": post}
 
 
+def tree_entry(rel: str, pre: images.Image, post: images.Image | str) -> dict:
+    """A mark's entry for a tree; `pre` names its blobs, which the caller has stored."""
+    return {"rel": rel, "tree": True, "pre": pre, "post": post}
+
+
+def _state(path: str, entry: dict) -> object:
+    return images.capture(path, digest) if entry.get("tree") else state_of(path)
+
+
+def _put_back(store: Store, path: str, entry: dict) -> None:
+    if entry.get("tree"):
+        pre = entry["pre"]
+        if not (pre is not None and pre["kind"] == "file" and state_of(path) not in (None, DIRECTORY)
+                and not os.path.islink(path)):  # a file stays in place, keeping its inode and mode
+            images.remove(path)
+        images.restore(path, pre, store.get_blob)
+    else:
+        write_back(path, None if entry["pre"] is None else store.get_blob(bytes.fromhex(entry["pre"])))
+
+
+def journal_blobs(entry: dict) -> list[bytes]:
+    """The keys of the pre-image blobs an entry stored."""
+    if entry.get("tree"):
+        return [bytes.fromhex(key) for key in images.blobs(entry["pre"])]
+    return [] if entry["pre"] in (None, DIRECTORY) else [bytes.fromhex(entry["pre"])]
+
+
 def write_back(abs_path: str, data: bytes | None) -> None:
     """Puts `data` at `abs_path` in place (keeping the file's inode and mode), or removes the file."""
     if data is None:
@@ -71,7 +99,7 @@ def settle(store: Store, root: str, intent: dict, unflagged_now: int) -> Settlem
     kind = intent["kind"]
     entries = intent["files"]
     paths = [os.path.join(root, entry["rel"]) for entry in entries]
-    states = [state_of(path) for path in paths]
+    states = [_state(path, entry) for path, entry in zip(paths, entries)]
     result = Settlement(kind, False, paths=paths)
     if kind == "rollback":
         marked = intent["unflagged"] - unflagged_now
@@ -93,7 +121,7 @@ def settle(store: Store, root: str, intent: dict, unflagged_now: int) -> Settlem
         if problem is not None:
             result.notes.append(f"not restored: {problem}")
             continue
-        write_back(path, None if entry["pre"] is None else store.get_blob(bytes.fromhex(entry["pre"])))
+        _put_back(store, path, entry)
         restored.append(entry["rel"])
     what = "commit check" if kind == "check" else kind
     if restored:

@@ -77,12 +77,18 @@ def restore_cut(root: str) -> str | None:
     path = path_of(root)
     if _read(path)[1] is not None:
         return None
-    journal = _journal_of(path)
+    put_back(root)
+    return f"the ledger {path.name}, cut short while it was written, was put back as it was before that call"
+
+
+def put_back(root: str) -> str:
+    """Puts back the ledger as `prepare` kept it (none when there was none); returns a note."""
+    path = path_of(root)
     try:
-        _replace_with(path, journal.read_bytes())
+        _replace_with(path, _journal_of(path).read_bytes())
     except FileNotFoundError:
         path.unlink(missing_ok=True)
-    return f"the ledger {path.name}, cut short while it was written, was put back as it was before that call"
+    return f"the ledger {path.name} was put back as it was before the interrupted call"
 
 
 def _replace_with(path: Path, data: bytes) -> None:

@@ -210,8 +210,7 @@ class Session:
         store.set_meta(GENERATION, self._generation)
 
     def _drop_journal(self, intent: dict) -> None:
-        self.store.drop_unreferenced_blobs([bytes.fromhex(e["pre"]) for e in intent["files"]
-                                            if e["pre"] not in (None, journal.DIRECTORY)])
+        self.store.drop_unreferenced_blobs([key for entry in intent["files"] for key in journal.journal_blobs(entry)])
 
     def _rel(self, abs_path: str) -> str:
         return guards.rel_of(self.root, abs_path)
@@ -219,13 +218,16 @@ class Session:
     # --- recovery ----------------------------------------------------------------------
 
     def _recover(self, intent: dict) -> None:
-        ledger_note = ledger.restore_cut(self.root) if intent["kind"] != "check" else None
+        kind = intent["kind"]
+        # A redo's steps and redo stack are one store transaction that the kill undid: its ledger
+        # entries go with them.
+        ledger_note = (ledger.put_back(self.root) if kind == "redo"
+                       else ledger.restore_cut(self.root) if kind != "check" else None)
         outcome = journal.settle(self.store, self.root, intent, ledger.unflagged(editor.ledger_load(self.root)))
         if ledger_note is not None:
             outcome.notes.append(ledger_note)
         live, store = self._live, self.store
         assert live is not None
-        kind = intent["kind"]
         with store.conn:
             if kind in ("edit", "create"):
                 appended = len(editor.ledger_load(self.root)) > intent["ledger_len"]
@@ -244,6 +246,8 @@ class Session:
                 if ledger.unflagged(editor.ledger_load(self.root)) == intent["unflagged"]:
                     editor.ledger_mark_rolled_back(self.root, outcome.consumed)
                 store.mark_rolled_back(intent["steps"][:outcome.consumed])
+            elif kind == "rollback":  # undone: its steps were never undone, so nothing of it can be redone
+                store.set_meta(REDO, intent.get("redo"))
             if kind != "check":
                 live.reindex(outcome.paths)
             self._commit()
@@ -412,7 +416,7 @@ class Session:
             raw_before = live.raw_id
             assert raw_before is not None  # every call ends by saving the live raw
             entry = (journal.file_entry(store, rel, pre, None) if is_file
-                     else {"rel": rel, "pre": journal.DIRECTORY, "post": None})
+                     else journal.tree_entry(rel, image, None))
             intent = {"kind": "delete", "files": [entry],
                       "step": {"rel": rel, "text_hash": None if text_hash is None else text_hash.hex()}}
             store.set_meta(journal.PENDING, intent)
@@ -457,6 +461,7 @@ class Session:
                     "text_before": None if row["text_hash"] is None else store.get_blob(row["text_hash"]).decode(),
                     "raw": row["raw_id"]} for row in reversed(rows)]
         final: dict[str, str | None] = {}
+        trees: dict[str, images.Image] = {}  # a tree the rollback puts back, as it will end
         exact: dict[str, bytes] = {}  # the bytes a restored file ends as, line ends included
         for record, row in zip(records, reversed(rows)):  # oldest first: a path ends as its first record
             text, path = record["text_before"], os.path.join(self.root, row["rel"])
@@ -464,17 +469,16 @@ class Session:
                 continue
             if row["tool"] == "delete":
                 image = json.loads(row["receipt"])[IMAGE]
-                # A tree put back is left out of the write-ahead mark: recovery restores files only.
-                final[path] = image["blob"] if image and image["kind"] == "file" else journal.UNKNOWN
+                final[path] = image["blob"] if image and image["kind"] == "file" else journal.DIRECTORY
+                trees[path] = image
                 continue
             if text is not None:
                 exact[path] = lineends.encoded(text, json.loads(row["receipt"]).get(LINE_ENDS))
             final[path] = None if text is None else digest(exact[path]).hex()
         with store.conn:
             intent = {"kind": "rollback", "steps": [row["id"] for row in rows],
-                      "unflagged": ledger.unflagged(ledger_steps),
-                      "files": [journal.file_entry(store, self._rel(p), journal.read_bytes(p), final[p])
-                                for p in paths if final[p] != journal.UNKNOWN]}
+                      "unflagged": ledger.unflagged(ledger_steps), "redo": store.get_meta(REDO),
+                      "files": [self._mark_entry(p, final, trees.get(p)) for p in paths]}
             store.set_meta(journal.PENDING, intent)
         try:
             result = self._undo(rows, records)
@@ -504,6 +508,21 @@ class Session:
                          f"consumed and marked rolled back in the ledger ({', '.join(map(str, undone)) or 'none'})",
                 "consumed": len(popped),
                 "restored": [row["rel"] for row in popped[:-1]]}
+
+    def _mark_entry(self, path: str, final: dict[str, str | None], tree: images.Image) -> dict:
+        """A path's entry in a rollback's mark; a tree put back is marked by its images, with the
+        files that older steps inside it end as."""
+        if final[path] != journal.DIRECTORY:
+            return journal.file_entry(self.store, self._rel(path), journal.read_bytes(path), final[path])
+        if tree is not None and tree["kind"] == "directory":
+            files = dict(tree["files"])
+            for inner, state in final.items():
+                if inner.startswith(path + os.sep) and state != journal.DIRECTORY:
+                    files.pop(os.path.relpath(inner, path), None)
+                    if state is not None:
+                        files[os.path.relpath(inner, path)] = state
+            tree = {**tree, "files": files}
+        return journal.tree_entry(self._rel(path), images.capture(path, self.store.put_blob), tree)
 
     def _undo(self, rows: list, records: list[dict]) -> dict:
         """Undoes `rows` (newest first) one at a time through the module's rollback, which pops
@@ -554,9 +573,10 @@ class Session:
                                  "left it -- read it and edit it instead"}
             expected[path] = entry["after"]
         paths = list(dict.fromkeys(os.path.join(self.root, row["rel"]) for row in rows))
+        self._prepare_ledger()  # its bytes are kept: a redo cut short takes its entries back
         with store.conn:
-            intent = {"kind": "redo", "files": [journal.file_entry(store, self._rel(p), journal.read_bytes(p), journal.UNKNOWN)
-                                                for p in paths if not os.path.isdir(p)]}
+            intent = {"kind": "redo", "files": [journal.tree_entry(self._rel(p), images.capture(p, store.put_blob),
+                                                                   journal.UNKNOWN) for p in paths]}
             store.set_meta(journal.PENDING, intent)
         redone = []
         with store.conn:  # the steps and the stack in one transaction; a kill leaves the mark to recovery
