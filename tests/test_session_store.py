@@ -120,6 +120,8 @@ def _cut_restore(path, image, get):
 
 @pytest.mark.parametrize("before, call, dies_in, whole, depth, ledger_flags", [
     ([], lambda s: s.delete("sub"), (editor, "delete_file", _cut_deletion), True, 0, []),
+    # Gone and in the ledger, not yet a step: kept as a step that can be undone.
+    ([], lambda s: s.delete("sub"), (Store, "add_step", die), False, 1, [False]),
     (["delete"], lambda s: s.rollback(1), (images, "restore", _cut_restore), False, 1, [False]),
     (["delete", "rollback"], lambda s: s.redo(1), (editor, "delete_file", _cut_deletion), True, 0, [True]),
     # Every file in place, the ledger not yet marked: finished, with the older edit inside undone too.
@@ -141,6 +143,9 @@ def test_a_tree_cut_short_is_whole_after_open(proj, monkeypatch, before, call, d
     assert again.status()["recovered"] and again.status()["depth"] == depth
     assert files_under(proj / "sub") == (original if whole else {}) and (proj / "sub").exists() == whole
     assert [bool(e.get("rolled_back")) for e in again.ledger()["entries"]] == ledger_flags
+    if depth:
+        assert "error" not in again.rollback(depth) and files_under(proj / "sub") == original
+        assert all(e.get("rolled_back") for e in again.ledger()["entries"])
 
 
 def test_a_redo_cut_short_takes_back_its_ledger_entries(proj, monkeypatch):

@@ -229,19 +229,21 @@ class Session:
         live, store = self._live, self.store
         assert live is not None
         with store.conn:
-            if kind in ("edit", "create"):
+            if kind in ("edit", "create", "delete"):
                 appended = len(editor.ledger_load(self.root)) > intent["ledger_len"]
                 if outcome.finished:
                     step = intent["step"]
-                    receipt = {"syntax": None, "recovered": outcome.notes[0]}
+                    receipt = {"recovered": outcome.notes[0]} if kind == "delete" else {
+                        "syntax": None, "recovered": outcome.notes[0]}
                     n = intent["ledger_len"] + 1 if appended else editor.ledger_append(
                         self.root, {"tool": kind, "file": step["rel"], **receipt})
-                    self._record_step(step, receipt, n)
+                    if kind == "delete":
+                        self._record_deletion(step, {"deleted": step["rel"], **receipt}, n)
+                    else:
+                        self._record_step(step, receipt, n)
+                    store.set_meta(REDO, None)
                 elif appended:  # the entry of a write that was undone
                     editor.ledger_mark_rolled_back(self.root, 1)
-            elif kind == "delete" and outcome.finished:
-                step = intent["step"]
-                store.add_touched(step["rel"], None if step["text_hash"] is None else bytes.fromhex(step["text_hash"]))
             elif kind == "rollback" and outcome.finished:
                 if ledger.unflagged(editor.ledger_load(self.root)) == intent["unflagged"]:
                     editor.ledger_mark_rolled_back(self.root, outcome.consumed)
@@ -260,6 +262,12 @@ class Session:
         self.store.add_step(step["tool"], step["rel"], step["ts"], text_hash, step["raw_id"], ledger_n, receipt)
         if step["first"]:
             self.store.add_touched(step["rel"], text_hash)
+
+    def _record_deletion(self, step: dict, receipt: dict, ledger_n: int) -> None:
+        if step["text_hash"] is not None:
+            self.store.add_touched(step["rel"], bytes.fromhex(step["text_hash"]))
+        self.store.add_step("delete", step["rel"], step["ts"], None, step["raw_id"], ledger_n,
+                            {**receipt, IMAGE: step["image"]})
 
     # --- writes ------------------------------------------------------------------------
 
@@ -410,6 +418,7 @@ class Session:
                 first_touch = pre.decode("utf-8").replace("\r\n", "\n").replace("\r", "\n") if pre else ""
             except UnicodeDecodeError:
                 first_touch = None  # not text: nothing to diff against later
+        ledger_steps = self._prepare_ledger()
         with store.conn:
             text_hash = None if first_touch is None else store.put_blob(first_touch.encode("utf-8"))
             image = images.capture(target, store.put_blob)  # what undoing the deletion puts back
@@ -417,8 +426,9 @@ class Session:
             assert raw_before is not None  # every call ends by saving the live raw
             entry = (journal.file_entry(store, rel, pre, None) if is_file
                      else journal.tree_entry(rel, image, None))
-            intent = {"kind": "delete", "files": [entry],
-                      "step": {"rel": rel, "text_hash": None if text_hash is None else text_hash.hex()}}
+            step = {"rel": rel, "text_hash": None if text_hash is None else text_hash.hex(), "ts": time.time(),
+                    "raw_id": raw_before, "image": image}
+            intent = {"kind": "delete", "files": [entry], "ledger_len": len(ledger_steps), "step": step}
             store.set_meta(journal.PENDING, intent)
         try:
             result = editor.delete_file(self.root, target)
@@ -426,15 +436,13 @@ class Session:
             result = {"error": describe(e, rel)}
         deleted = "error" not in result
         with store.conn:
-            if deleted and first_touch is not None:
-                store.add_touched(rel, text_hash)
             before, after = live.reindex([target])
             if deleted:
                 result = {"deleted": rel, "was": result["was"]}
                 changes = editor.static_diff(before, after)
                 n = editor.ledger_append(self.root, {"tool": "delete", "file": rel, "was": result["was"],
                                                      "static_diff": changes})
-                store.add_step("delete", rel, time.time(), None, raw_before, n, {**result, IMAGE: image})
+                self._record_deletion(step, result, n)
                 store.set_meta(REDO, None)
                 result = {**result, "static_diff": changes, **_dangling(before, after), "step": n}
             self._commit()
