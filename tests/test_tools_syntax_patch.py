@@ -7,7 +7,8 @@ import subprocess
 import pytest
 
 import editor
-from editor_session import patch, syntax
+from editor_session import git_hunks, patch, syntax
+from editor_session.session import Session
 
 
 @pytest.mark.parametrize("before, line, content, expected, before_key", [
@@ -34,6 +35,18 @@ def test_paths_under_the_root_become_relative(tmp_path):
     assert found == {"error": "src/a.py does not exist", "list": ["b"], "n": 3}
 
 
+def _git_applies(patch_text: str, copy, root, tmp_path) -> None:
+    """Applies `patch_text` with git in `copy` and checks it now holds `root`'s files byte for byte."""
+    subprocess.run(["git", "init", "-q", str(copy)], check=True)
+    (tmp_path / "p.diff").write_bytes(patch_text.encode("utf-8"))
+    subprocess.run(["git", "apply", str(tmp_path / "p.diff")], cwd=copy, check=True)
+    for folder, dirs, names in os.walk(root):
+        dirs[:] = [name for name in dirs if not name.startswith(".")]
+        for name in names:
+            rel = os.path.relpath(os.path.join(folder, name), root)
+            assert (copy / rel).read_bytes() == (root / rel).read_bytes(), rel
+
+
 @pytest.mark.skipif(shutil.which("git") is None, reason="git is not installed")
 def test_the_patch_form_is_what_git_applies(tmp_path):
     root, copy = tmp_path / "proj", tmp_path / "copy"
@@ -48,14 +61,38 @@ def test_the_patch_form_is_what_git_applies(tmp_path):
     (root / "src/gone.txt").unlink()
     (root / "new").mkdir()
     (root / "new/made.txt").write_text("fresh\n")
-    text = patch.patch(str(root), touched)
+    text = patch.patch(str(root), touched, [])
     assert "--- /dev/null\n+++ b/new/made.txt" in text and "--- a/src/gone.txt\n+++ /dev/null" in text
-    subprocess.run(["git", "init", "-q", str(copy)], check=True)
-    (tmp_path / "p.diff").write_text(text)
-    subprocess.run(["git", "apply", "--check", str(tmp_path / "p.diff")], cwd=copy, check=True)
-    subprocess.run(["git", "apply", str(tmp_path / "p.diff")], cwd=copy, check=True)
-    for folder, _, names in os.walk(root):
-        for name in names:
-            rel = os.path.relpath(os.path.join(folder, name), root)
-            assert (copy / rel).read_bytes() == (root / rel).read_bytes()
+    _git_applies(text, copy, root, tmp_path)
     assert not (copy / "src/gone.txt").exists()
+
+
+LONG_CRLF = b"".join(b"line %d\r\n" % n for n in range(1, 21))
+
+
+@pytest.mark.skipif(shutil.which("git") is None, reason="git is not installed")
+@pytest.mark.parametrize("data, edits", [
+    (LONG_CRLF, [(2, "two\n"), (17, "seventeen\nmore\n")]),                 # CRLF, two hunks
+    (b"a\rb\rc\rd\re\rf\r", [(3, "C\n")]),                                  # CR only: one git line
+    (b"a\r\nb\nc\rd\r\ne\nf\r\ng\n" * 3, [(3, "C\n"), (20, "T\n")]),        # mixed
+    (b"\xef\xbb\xbfa\r\nb\r\nc\r\n", [(1, "A\n")]),                          # BOM on the replaced line
+    (b"\xef\xbb\xbfa\r\nb\r\nc\r\n", [(3, "C\n")]),                          # BOM as context
+    (b"a\r\nb\r\nc", [(3, "C"), (1, "A\n")]),                                # no final newline
+    (b"a\r\nb\r\nc", [(3, "c\nd\n")]),                                      # final newline gained
+    (b"a\fb\r\nc\xe2\x80\xa8d\r\ne\r\n", [(2, "B\n"), (4, "D\n")]),          # breaks git does not split at
+])
+def test_the_patch_keeps_real_line_ends(tmp_path, data, edits):
+    root, copy = tmp_path / "proj", tmp_path / "copy"
+    root.mkdir()
+    (root / "f.txt").write_bytes(data)
+    shutil.copytree(root, copy)
+    s = Session.open(str(root))
+    for line, content in edits:
+        assert "error" not in s.edit("f.txt", line, None, content)
+    result = s.diff("patch")
+    assert "notes" not in result and (root / "f.txt").read_bytes() != data
+    _git_applies(result["diff"], copy, root, tmp_path)
+
+
+def test_hunks_that_miss_a_change_are_not_passed_off_as_exact():
+    assert git_hunks.exact(["@@ -1,1 +1,1 @@", "-a", "+A"], "a\nb\nc\nd\n", "A\nb\nc\nD\n") is None

@@ -624,6 +624,21 @@ class Session:
         return {os.path.join(self.root, rel): None if key is None else self.store.get_blob(key).decode("utf-8")
                 for rel, key in self.store.touched()}
 
+    def _first_touch_texts(self) -> dict[str, str | None]:
+        """Each touched file's text at first touch with the line ends it had on disk."""
+        texts = {}
+        for path, text in self._touched_texts().items():
+            if text is not None:
+                tool, receipt = self.store.first_step(self._rel(path))
+                kept = json.loads(receipt)
+                image = kept.get(IMAGE)
+                raw = (self.store.get_blob(bytes.fromhex(image["blob"])) if tool == "delete" and image
+                       and image["kind"] == "file"
+                       else lineends.encoded(text, kept.get(LINE_ENDS)))
+                text = raw.decode("utf-8")
+            texts[path] = text
+        return texts
+
     def _check(self, progress: gate.Progress | None, cancel: gate.Cancel) -> dict:
         store = self.store
         kept, skipped = guards.split_checkable(self.root, self._touched_texts(), self.allow_hard_links)
@@ -646,7 +661,7 @@ class Session:
     def _diff(self, form: str) -> dict:
         if form not in patch.FORMS:
             return {"error": f"unknown diff form {form!r} ({' | '.join(patch.FORMS)})"}
-        kept, skipped = guards.split_checkable(self.root, self._touched_texts(), True, confine=False)
+        kept, skipped = guards.split_checkable(self.root, self._first_touch_texts(), True, confine=False)
         readable = {}
         for path, text in kept.items():
             try:
@@ -657,7 +672,9 @@ class Session:
                     skipped.append(describe(e, self._rel(path)))
                     continue
             readable[path] = text
-        return {"diff": patch.FORMS[form](self.root, readable), **({"skipped": skipped} if skipped else {})}
+        notes: list[str] = []
+        text = patch.FORMS[form](self.root, readable, notes)
+        return {"diff": text, **({"skipped": skipped} if skipped else {}), **({"notes": notes} if notes else {})}
 
     def _status(self) -> dict:
         steps = [{"step": n, "tool": tool, "file": rel, **({"rolled_back": True} if gone else {})}

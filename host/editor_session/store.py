@@ -305,6 +305,10 @@ class Store:
     def touched(self) -> list[tuple[str, bytes | None]]:
         return self.conn.execute("SELECT rel, text_hash FROM touched ORDER BY seq").fetchall()
 
+    def first_step(self, rel: str) -> tuple[str, str]:
+        """The tool and receipt of the session's first step on `rel`, rolled back or not."""
+        return self.conn.execute("SELECT tool, receipt FROM steps WHERE rel=? ORDER BY id LIMIT 1", (rel,)).fetchone()
+
     def is_touched(self, rel: str) -> bool:
         return self.conn.execute("SELECT 1 FROM touched WHERE rel=?", (rel,)).fetchone() is not None
 
