@@ -10,12 +10,10 @@
 
 import os
 import random
-import statistics
 import tempfile
-import time
 from pathlib import Path
 
-from harness import row
+from harness import interleaved, row
 
 import editor
 import srcatlas
@@ -79,21 +77,6 @@ def edit(path: Path, step: int, rnd: random.Random) -> None:
     path.write_text(text)
 
 
-def interleaved(operation, floor, rounds, prepare=lambda i: None):
-    """Medians of `operation(i)` and `floor(i)` timed alternately, on the same input each round
-    (made by the untimed `prepare(i)`)."""
-    times_op, times_floor = [], []
-    for i in range(rounds):
-        prepare(i)
-        start = time.perf_counter()
-        operation(i)
-        middle = time.perf_counter()
-        floor(i)
-        times_op.append(middle - start)
-        times_floor.append(time.perf_counter() - middle)
-    return statistics.median(times_op), statistics.median(times_floor)
-
-
 def main():
     with tempfile.TemporaryDirectory(prefix="editor_bench_index_") as scratch:
         root = Path(scratch)
@@ -105,7 +88,7 @@ def main():
         rnd = random.Random(5)
         state = {"raw": raw, "step": 0}
 
-        def write(_):
+        def write():
             state["step"] += 1
             state["path"] = paths[rnd.randrange(len(paths))]
             edit(state["path"], state["step"], rnd)
@@ -113,29 +96,30 @@ def main():
             # comparison should time the indexer's work.
             state["path"].read_bytes()
 
-        def one_edit(_):
+        def one_edit():
             path = state["path"]
             state["raw"] = srcatlas.update(state["raw"], str(root), str(path))
             editor.static_diff(*atlas.switch(state["raw"]))
 
-        def reindex_floor(_):
+        def reindex_floor():
             srcatlas._index_file(state["path"])
 
-        row("edit: update+switch+static_diff, step 1", size, *interleaved(one_edit, reindex_floor, SAMPLES, write))
+        row("edit: update+switch+static_diff, step 1", size,
+            *interleaved([one_edit, reindex_floor], SAMPLES, warmup=0, each_round=write))
         for _ in range(STEPS - 2 * SAMPLES):
-            write(0)
-            one_edit(0)
+            write()
+            one_edit()
         row(f"edit: update+switch+static_diff, step {STEPS}", size,
-            *interleaved(one_edit, reindex_floor, SAMPLES, write))
+            *interleaved([one_edit, reindex_floor], SAMPLES, warmup=0, each_round=write))
 
-        def fresh_edit(_):
+        def fresh_edit():
             path = state["path"]
             fresh = srcatlas.Atlas(state["raw"])
             state["raw"] = srcatlas.update(state["raw"], str(root), str(path))
             editor.static_diff(*fresh.switch(state["raw"]))
 
         row("first edit of a process: Atlas+update+switch", size,
-            *interleaved(fresh_edit, reindex_floor, 9, write))
+            *interleaved([fresh_edit, reindex_floor], 9, warmup=0, each_round=write))
 
         records = state["raw"]["files"]
 
@@ -143,14 +127,14 @@ def main():
             record = records.get(rel)
             return record if record and (record["size"], record["mtime_ns"]) == (size_, mtime_ns) else None
 
-        def stat_floor(_):
+        def stat_floor():
             for rel in records:
                 os.stat(os.path.join(root, rel))
 
         row("open: build(reuse) all reusable", size,
-            *interleaved(lambda _: srcatlas.build(root, reuse=reuse), stat_floor, 7))
+            *interleaved([lambda: srcatlas.build(root, reuse=reuse), stat_floor], 7, warmup=0))
         row("open: build(reuse) + Atlas", size,
-            *interleaved(lambda _: srcatlas.Atlas(srcatlas.build(root, reuse=reuse)), stat_floor, 5))
+            *interleaved([lambda: srcatlas.Atlas(srcatlas.build(root, reuse=reuse)), stat_floor], 5, warmup=0))
 
 
 if __name__ == "__main__":

@@ -11,30 +11,16 @@ of the fifty-block edit included).
 
 import os
 import shutil
-import statistics
 import tempfile
-import time
 from pathlib import Path
 
-from harness import row
+from harness import interleaved, row
 
 from editor_session import blocks
 from editor_session.session import Session
 
 SCRATCH = Path(__file__).resolve().parent / ".scratch" / "tools"
 LINE = "    value_{i:06d} = compute(value_{j:06d}, factor=3)  # keeps a running total of it\n"
-
-
-def interleaved(operations, prepare, rounds):
-    """Median time of each operation, run A B A B ... with `prepare()` (untimed) before each."""
-    samples = [[] for _ in operations]
-    for _ in range(rounds):
-        for times, operation in zip(samples, operations):
-            prepare()
-            start = time.perf_counter()
-            operation()
-            times.append(time.perf_counter() - start)
-    return [statistics.median(times) for times in samples]
 
 
 def python_lines(count):
@@ -49,9 +35,9 @@ def line_ends():
             "anchor": None}
 
     def edit(keep):
-        return lambda: blocks.edit_one(root, target, data, spec, ends=keep)
+        return lambda _: blocks.edit_one(root, target, data, spec, ends=keep)
 
-    plain, kept = interleaved([edit(False), edit(True)], lambda: path.write_bytes(data), rounds=21)
+    plain, kept = interleaved([edit(False), edit(True)], rounds=21, setup=lambda: path.write_bytes(data))
     assert path.read_bytes().count(b"\r\n") == 100_000, "the kept edit must leave CRLF on every line"
     size = f"{len(data) / 2**20:.1f} MiB"
     row("one-line edit, line ends kept", size, kept, plain)
@@ -62,9 +48,10 @@ def line_ends():
     kept_session = Session.open(root)
 
     def call(session):
-        return lambda: session.edit("crlf.txt", 50_000, None, "    changed = 1\n")
+        return lambda _: session.edit("crlf.txt", 50_000, None, "    changed = 1\n")
 
-    plain, kept = interleaved([call(plain_session), call(kept_session)], lambda: path.write_bytes(data), rounds=11)
+    plain, kept = interleaved([call(plain_session), call(kept_session)], rounds=11,
+                              setup=lambda: path.write_bytes(data))
     assert path.read_bytes().count(b"\r\n") == 100_000, "the kept edit must leave CRLF on every line"
     row("session edit, line ends kept", size, kept, plain)
     for session in (plain_session, kept_session):
@@ -81,13 +68,13 @@ def multi_block():
     single = {"start_line": 5_000, "end_line": None, "content": "    changed = 1\n", "mode": "replace",
               "anchor": None}
 
-    def one():
+    def one(_):
         assert blocks.edit_one(root, target, data, single)["syntax"] == "ok"
 
-    def fifty():
+    def fifty(_):
         assert blocks.edit_blocks(root, target, "module.py", data, specs)["syntax"] == "ok"
 
-    single_time, fifty_time = interleaved([one, fifty], lambda: path.write_bytes(data), rounds=31)
+    single_time, fifty_time = interleaved([one, fifty], rounds=31, setup=lambda: path.write_bytes(data))
     row("50-block edit vs one block, py 10k lines", f"{len(data) / 2**10:.0f} KiB", fifty_time, single_time)
     path.unlink()
 

@@ -33,11 +33,12 @@ def median_time(fn, repeat=7, warmup=1):
     return statistics.median(times)
 
 
-def interleaved(operations, rounds, warmup=1, setup=None):
+def interleaved(operations, rounds, warmup=1, setup=None, each_round=None):
     """Median wall time in seconds of each callable in `operations`, timed in turns: one call of
     each per round (A B A B ...), so the load of a shared machine falls on an operation and its
     floor alike. With `setup`, each call gets a fresh `setup()` result as its argument, made
-    outside the timing."""
+    outside the timing; `each_round()` runs untimed once before each round, for a change that
+    the operation and its floor must both see."""
     def call(operation):
         argument = () if setup is None else (setup(),)
         start = time.perf_counter()
@@ -49,6 +50,8 @@ def interleaved(operations, rounds, warmup=1, setup=None):
             call(operation)
     samples = [[] for _ in operations]
     for _ in range(rounds):
+        if each_round is not None:
+            each_round()
         for times, operation in zip(samples, operations):
             times.append(call(operation))
     return [statistics.median(times) for times in samples]

@@ -177,12 +177,16 @@ class Store:
             self.conn.execute("INSERT INTO blobs VALUES(?, ?)", (key, zlib.compress(data, 6)))
         return key
 
-    def get_blob(self, key: bytes) -> bytes:
-        row = self.conn.execute("SELECT data FROM blobs WHERE hash=?", (key,)).fetchone()
+    def _stored(self, table: str, key: bytes, what: str) -> bytes:
+        """The decompressed bytes under `key`; a missing row means the store lost what it names."""
+        row = self.conn.execute(f"SELECT data FROM {table} WHERE hash=?", (key,)).fetchone()
         if row is None:
-            raise SessionError(f"session store {self.path} lacks a text it refers to -- "
+            raise SessionError(f"session store {self.path} lacks {what} it refers to -- "
                                + RESET_HINT.format(root=self.root))
         return zlib.decompress(row[0])
+
+    def get_blob(self, key: bytes) -> bytes:
+        return self._stored("blobs", key, "a text")
 
     def drop_unreferenced_blobs(self, keys: list[bytes]) -> None:
         """Forgets journal-only blobs (texts a finished call no longer needs). Images of deleted
@@ -211,11 +215,7 @@ class Store:
         return key
 
     def get_record(self, key: bytes) -> dict:
-        row = self.conn.execute("SELECT data FROM records WHERE hash=?", (key,)).fetchone()
-        if row is None:
-            raise SessionError(f"session store {self.path} lacks an index record it refers to -- "
-                               + RESET_HINT.format(root=self.root))
-        return marshal.loads(zlib.decompress(row[0]))
+        return marshal.loads(self._stored("records", key, "an index record"))
 
     # --- the names of the live raw -----------------------------------------------------
 
