@@ -14,6 +14,7 @@
 #include "edits/beneath.hpp"
 #include "edits/file_io.hpp"
 #include "edits/remove_tree.hpp"
+#include "editor/host/names.hpp"
 #include "editor/host/ns.hpp"
 
 namespace editor::edits {
@@ -82,7 +83,7 @@ std::string native(PyObject* path) {
 // The module's current os.path.realpath of an encoded path, encoded.
 std::string host_realpath(PyObject* module, std::string_view path) {
     Ref encoded = check(PyBytes_FromStringAndSize(path.data(), static_cast<Py_ssize_t>(path.size())));
-    Ref real = call(ns_attr(module, "os", "path", "realpath").get(), encoded.get());
+    Ref real = call(ns_attr(module, names::os, "path", "realpath").get(), encoded.get());
     return native(real.get());
 }
 
@@ -164,7 +165,7 @@ void write_new(PyObject* module, PyObject* root, PyObject* path, std::string_vie
     });
     if (error == 0) return;
     // Named as os.makedirs names a directory it cannot make, or as open names the file.
-    raise_errno(error, making_parents ? call(ns_attr(module, "os", "path", "dirname").get(), path).get() : path);
+    raise_errno(error, making_parents ? call(ns_attr(module, names::os, "path", "dirname").get(), path).get() : path);
 }
 
 bool remove_below(PyObject* module, PyObject* root, PyObject* path) {
@@ -186,7 +187,7 @@ bool remove_below(PyObject* module, PyObject* root, PyObject* path) {
     if (removal.failed_at.empty()) raise_errno(error, path);
     Ref inner = check(PyUnicode_DecodeFSDefaultAndSize(removal.failed_at.data(),
                                                        static_cast<Py_ssize_t>(removal.failed_at.size())));
-    raise_errno(error, call(ns_attr(module, "os", "path", "join").get(), path, inner.get()).get());
+    raise_errno(error, call(ns_attr(module, names::os, "path", "join").get(), path, inner.get()).get());
 }
 
 }  // namespace editor::edits

@@ -3,6 +3,7 @@
 
 #include "editor/boundary.hpp"
 #include "editor/method.hpp"
+#include "editor/host/names.hpp"
 #include "editor/host/ns.hpp"
 #include "module/constants.hpp"
 #include "module/methods.hpp"
@@ -30,18 +31,18 @@ constexpr Binding function(PyMethodDef& def) { return {Kind::function, nullptr, 
 constexpr Binding deep_function(PyMethodDef& def) { return {Kind::deep_function, nullptr, nullptr, nullptr, &def}; }
 
 constexpr Binding namespace_table[] = {
-    import("difflib"),
-    import("json"),
-    import("os"),
-    import("re"),
-    import("shutil"),
-    import("subprocess"),
-    import("tempfile"),
-    import("time"),
-    import_from("pathlib", "Path"),
-    import("projstore"),
-    import_from("deeprun", "run_deep"),
-    value("LEDGER_NAME", ledger_name),
+    import(names::difflib),
+    import(names::json),
+    import(names::os),
+    import(names::re),
+    import(names::shutil),
+    import(names::subprocess),
+    import(names::tempfile),
+    import(names::time),
+    import_from("pathlib", names::Path),
+    import(names::projstore),
+    import_from("deeprun", names::run_deep),
+    value(names::LEDGER_NAME, ledger_name),
     function(methods::within_root),
     function(methods::resolve_target),
     function(methods::apply_block),
@@ -49,21 +50,21 @@ constexpr Binding namespace_table[] = {
     function(methods::all_error_nodes),
     function(methods::treesitter_error),
     function(methods::treesitter_error_counts),
-    value("_WEB_KIND_LANG", web_kind_lang),
-    value("_WEB_EXT_LANG", web_ext_lang),
+    value(names::WEB_KIND_LANG, web_kind_lang),
+    value(names::WEB_EXT_LANG, web_ext_lang),
     function(methods::native_language),
     function(methods::web_error_counts),
-    value("_GCC_DIAG", gcc_diag),
-    value("_JAVAC_DIAG", javac_diag),
-    value("_CPP_SRC_EXT", cpp_src_ext),
+    value(names::GCC_DIAG, gcc_diag),
+    value(names::JAVAC_DIAG, javac_diag),
+    value(names::CPP_SRC_EXT, cpp_src_ext),
     function(methods::find_exe),
     function(methods::repo_root),
     function(methods::cpp_context),
-    value("_PKG_RE", pkg_re),
+    value(names::PKG_RE, pkg_re),
     function(methods::java_context),
-    value("_COMPILER_LANGS", compiler_langs),
+    value(names::COMPILER_LANGS, compiler_langs),
     function(methods::compile_errors),
-    value("_PYFLAKES_ERROR_TYPES", pyflakes_error_types),
+    value(names::PYFLAKES_ERROR_TYPES, pyflakes_error_types),
     function(methods::pyflakes_errors),
     function(methods::semantic_errfn),
     function(methods::semantic_delta_check),
@@ -104,7 +105,7 @@ Ref make(PyObject* module, const Binding& binding) {
         case Kind::deep_function: {
             // The host decides how the work gets its large stack; we bind whatever it returns.
             Ref function = make_function(*binding.def, module, module);
-            Ref run_deep = ns(module, "run_deep");
+            Ref run_deep = ns(module, names::run_deep);
             return call(run_deep.get(), function.get());
         }
     }

@@ -4,15 +4,17 @@
 #include <array>
 #include <initializer_list>
 
+#include "editor/host/names.hpp"
 #include "editor/host/ns.hpp"
 #include "module/constants.hpp"
+#include "semantic/semantic.hpp"
 
 namespace editor::module {
 namespace {
 
 Ref compile(PyObject* module, const char* pattern, PyObject* flags = nullptr) {
     Ref text = str(pattern);
-    Ref re_compile = ns_attr(module, "re", "compile");
+    Ref re_compile = ns_attr(module, names::re, "compile");
     return flags ? call(re_compile.get(), text.get(), flags) : call(re_compile.get(), text.get());
 }
 
@@ -59,17 +61,17 @@ Ref javac_diag(PyObject* module) { return compile(module, R"(:(?P<line>\d+):\s*e
 Ref cpp_src_ext(PyObject*) { return set_of({".c", ".cxx", ".c++", ".cc", ".cpp", ".cp"}); }
 
 Ref pkg_re(PyObject* module) {
-    return compile(module, R"(^\s*package\s+([\w.]+)\s*;)", ns_attr(module, "re", "M").get());
+    return compile(module, R"(^\s*package\s+([\w.]+)\s*;)", ns_attr(module, names::re, "M").get());
 }
 
 // Holds the pattern and context-function objects themselves, so it must be built after them.
 Ref compiler_langs(PyObject* module) {
-    static constexpr const char* gcc = "_GCC_DIAG";
-    static constexpr const char* cpp = "_cpp_context";
+    static constexpr const char* gcc = names::GCC_DIAG;
+    static constexpr const char* cpp = semantic::cpp_context_sig.function;
     const Language languages[] = {
         {"cpp", {"c++", "g++", "clang++"}, "-std=gnu++17", gcc, cpp, "c++"},
         {"c", {"cc", "gcc", "clang"}, "-std=gnu11", gcc, cpp, "c"},
-        {"java", {"javac"}, nullptr, "_JAVAC_DIAG", "_java_context", "java"},
+        {"java", {"javac"}, nullptr, names::JAVAC_DIAG, semantic::java_context_sig.function, "java"},
     };
     Ref table = check(PyDict_New());
     for (const Language& language : languages) {

@@ -1,6 +1,7 @@
 // Which grammar checks a file, and the web code held in Python string literals.
 #include <Python.h>
 
+#include "editor/host/names.hpp"
 #include "editor/host/ns.hpp"
 #include "editor/unpack.hpp"
 #include "parse/error_counts.hpp"
@@ -33,7 +34,7 @@ Ref native_language(PyObject* module, PyObject* ext) {
     Ref table = attr(langtable.get(), "EXTENSION_TO_LANGUAGE");
     Ref hosted = lookup(table.get(), ext);
     if (truthy(hosted.get())) return hosted;
-    return lookup(ns(module, "_WEB_EXT_LANG").get(), ext);
+    return lookup(ns(module, names::WEB_EXT_LANG).get(), ext);
 }
 
 Ref web_error_counts(PyObject* module, PyObject* text) {
@@ -44,7 +45,7 @@ Ref web_error_counts(PyObject* module, PyObject* text) {
     Ref region;
     while (check_bool(PyIter_NextItem(each.get(), (region = Ref()).out()))) {
         auto [kind, region_text, base_line] = unpack<3>(region.get());
-        Ref lang = lookup(ns(module, "_WEB_KIND_LANG").get(), kind.get());
+        Ref lang = lookup(ns(module, names::WEB_KIND_LANG).get(), kind.get());
         if (lang.get() == Py_None) continue;
         Ref error = call(ns(module, treesitter_error_sig).get(), lang.get(), region_text.get());
         if (error.get() == Py_None) continue;

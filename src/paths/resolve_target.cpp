@@ -9,6 +9,7 @@
 #include <string>
 #include <string_view>
 
+#include "editor/host/names.hpp"
 #include "editor/host/ns.hpp"
 #include "editor/host/result.hpp"
 #include "paths/paths.hpp"
@@ -129,8 +130,8 @@ Ref hits_for(PyObject* path_str, PyObject* known_paths) {
 Ref resolve_target(PyObject* module, PyObject* root, PyObject* path_str, PyObject* known_paths) {
     Ref hits = hits_for(path_str, known_paths);
     const Py_ssize_t count = PyList_GET_SIZE(hits.get());
-    Ref join = ns_attr(module, "os", "path", "join");
-    Ref abspath = ns_attr(module, "os", "path", "abspath");
+    Ref join = ns_attr(module, names::os, "path", "join");
+    Ref abspath = ns_attr(module, names::os, "path", "abspath");
     if (count == 1) {
         // No confinement test here: the write operations make their own on the result.
         Ref joined = call(join.get(), root, PyList_GET_ITEM(hits.get(), 0));

@@ -1,5 +1,6 @@
 #include <Python.h>
 
+#include "editor/host/names.hpp"
 #include "editor/host/ns.hpp"
 #include "paths/paths.hpp"
 
@@ -9,8 +10,8 @@ namespace {
 // normcase(realpath(path)): absolute, every link resolved, "." and ".." collapsed. The host's
 // own functions do it so the answer matches what the host's file operations will reach.
 Ref confinement_form(PyObject* module, PyObject* path) {
-    Ref real = call(ns_attr(module, "os", "path", "realpath").get(), path);
-    Ref form = call(ns_attr(module, "os", "path", "normcase").get(), real.get());
+    Ref real = call(ns_attr(module, names::os, "path", "realpath").get(), path);
+    Ref form = call(ns_attr(module, names::os, "path", "normcase").get(), real.get());
     if (!PyUnicode_Check(form.get())) {
         // bytes paths would compare against a str separator below; refuse them plainly.
         raise_wrong_type("path", "str", path);

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 
+#include "editor/host/names.hpp"
 #include "editor/host/ns.hpp"
 #include "editor/host/result.hpp"
 #include "records/objects.hpp"
@@ -15,7 +16,7 @@ namespace editor::records {
 namespace {
 
 Ref ledger_file(PyObject* module, PyObject* directory) {
-    Ref name = ns(module, "LEDGER_NAME");
+    Ref name = ns(module, names::LEDGER_NAME);
     return check(PyNumber_TrueDivide(directory, name.get()));
 }
 
@@ -26,11 +27,11 @@ bool reads_as_empty(const PyError& e) {
 
 void write_ledger(PyObject* module, PyObject* root, PyObject* steps) {
     // The directory first: it exists even when the text below cannot be encoded.
-    Ref directory = call(ns_attr(module, "projstore", "ensure_orvel_dir").get(), root);
+    Ref directory = call(ns_attr(module, names::projstore, "ensure_orvel_dir").get(), root);
     Ref target = ledger_file(module, directory.get());
     Ref document = result({{"steps", steps}});
     Ref indent = check(PyLong_FromLong(1));
-    Ref text = call_kw(ns_attr(module, "json", "dumps").get(), {document.get()}, {{"indent", indent.get()}});
+    Ref text = call_kw(ns_attr(module, names::json, "dumps").get(), {document.get()}, {{"indent", indent.get()}});
     write_utf8(target.get(), text.get());
 }
 
@@ -49,12 +50,12 @@ Ref copy_of_mapping(PyObject* entry) {
 }  // namespace
 
 Ref ledger_load(PyObject* module, PyObject* root) {
-    Ref directory = call(ns_attr(module, "projstore", "project_dir").get(), root);
+    Ref directory = call(ns_attr(module, names::projstore, "project_dir").get(), root);
     Ref path = check(PyObject_Str(ledger_file(module, directory.get()).get()));
     if (!path_is(module, "exists", path.get())) return check(PyList_New(0));
     try {
         Ref text = read_utf8(make_path(module, path.get()).get());
-        Ref document = call(ns_attr(module, "json", "loads").get(), text.get());
+        Ref document = call(ns_attr(module, names::json, "loads").get(), text.get());
         Ref key = str("steps");
         return check(PyObject_GetItem(document.get(), key.get()));
     } catch (PyError& e) {
@@ -67,7 +68,7 @@ Ref ledger_append(PyObject* module, PyObject* root, PyObject* entry) {
     Ref steps = call(ns(module, ledger_load_sig).get(), root);
     Ref step = copy_of_mapping(entry);
     Ref n = check(PyLong_FromSsize_t(check_value(PyObject_Size(steps.get())) + 1));
-    Ref ts = call(ns_attr(module, "time", "time").get());
+    Ref ts = call(ns_attr(module, names::time, "time").get());
     check(PyDict_SetItemString(step.get(), "n", n.get()));
     check(PyDict_SetItemString(step.get(), "ts", ts.get()));
     (void)call_method(steps.get(), "append", step.get());

@@ -2,6 +2,7 @@
 // which order, under which names, and how the pieces are joined.
 #include <Python.h>
 
+#include "editor/host/names.hpp"
 #include "editor/host/ns.hpp"
 #include "records/objects.hpp"
 #include "records/records.hpp"
@@ -39,7 +40,7 @@ Ref file_diff(PyObject* unified_diff, PyObject* path, PyObject* before, PyObject
 Ref session_diff(PyObject* module, PyObject* touched) {
     Ref items = item_pairs(touched);
     check(PyList_Sort(items.get()));
-    Ref unified_diff = ns_attr(module, "difflib", "unified_diff");
+    Ref unified_diff = ns_attr(module, names::difflib, "unified_diff");
     Ref empty = check(PyUnicode_FromStringAndSize("", 0));
     Ref chunks = check(PyList_New(0));
     for (Py_ssize_t i = 0; i < PyList_GET_SIZE(items.get()); ++i) {

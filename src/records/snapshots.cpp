@@ -2,6 +2,7 @@
 
 #include <string>
 
+#include "editor/host/names.hpp"
 #include "editor/host/ns.hpp"
 #include "editor/host/result.hpp"
 #include "records/objects.hpp"
@@ -62,7 +63,7 @@ Ref take_snapshot(PyObject* module, PyObject* raw_data, PyObject* abs_path) {
     if (abs_path != Py_None) {
         if (path_is(module, "exists", abs_path)) text = read_utf8(make_path(module, abs_path).get());
     }
-    Ref ts = call(ns_attr(module, "time", "time").get());
+    Ref ts = call(ns_attr(module, names::time, "time").get());
     // The caller's raw_data itself: the IR is the indexer's and is handed back untouched.
     return result({{"ts", ts.get()}, {"path", abs_path}, {"text_before", text.get()}, {"raw", raw_data}});
 }
@@ -79,8 +80,8 @@ Ref rollback_steps(PyObject* module, PyObject* snapshots, PyObject* steps_arg) {
     }
     check_records(snapshots, steps);
 
-    Ref path_type = ns(module, "Path");
-    Ref unlink = ns_attr(module, "os", "unlink");
+    Ref path_type = ns(module, names::Path);
+    Ref unlink = ns_attr(module, names::os, "unlink");
     Ref restored = check(PyList_New(0));
     Ref raw;
     for (Py_ssize_t i = 0; i < steps; ++i) {

@@ -1,5 +1,6 @@
 #include <Python.h>
 
+#include "editor/host/names.hpp"
 #include "editor/host/ns.hpp"
 #include "editor/host/pathlib.hpp"
 #include "semantic/semantic.hpp"
@@ -18,7 +19,7 @@ bool equal(PyObject* a, PyObject* b) { return check_bool(PyObject_RichCompareBoo
 // file's own directory.
 Ref source_root(PyObject* module, PyObject* path, PyObject* text) {
     Ref parent = attr(path, "parent");
-    Ref match = call_method(ns(module, "_PKG_RE").get(), "search", text);
+    Ref match = call_method(ns(module, names::PKG_RE).get(), "search", text);
     if (match.get() == Py_None) return parent;
     Ref one = check(PyLong_FromLong(1));
     Ref package = call_method(match.get(), "group", one.get());
@@ -60,7 +61,7 @@ Ref build_context(PyObject* args, PyObject* cwd) { return check(PyTuple_Pack(2, 
 }  // namespace
 
 Ref find_exe(PyObject* module, PyObject* names) {
-    Ref which = ns_attr(module, "shutil", "which");
+    Ref which = ns_attr(module, names::shutil, "which");
     Ref candidates = check(PyObject_GetIter(names));
     Ref name;
     while (check_bool(PyIter_NextItem(candidates.get(), (name = Ref()).out()))) {
@@ -86,7 +87,7 @@ Ref repo_root(PyObject* /*module*/, PyObject* start) {
 Ref cpp_context(PyObject* module, PyObject* abs_path) {
     Ref path = make_path(module, abs_path);
     // Headers are not in the set: compiled alone they lack their translation unit.
-    if (!check_bool(PySequence_Contains(ns(module, "_CPP_SRC_EXT").get(), lower_suffix(path.get()).get()))) {
+    if (!check_bool(PySequence_Contains(ns(module, names::CPP_SRC_EXT).get(), lower_suffix(path.get()).get()))) {
         return Ref::borrow(Py_None);
     }
     Ref root = call(ns(module, repo_root_sig).get(), path.get());

@@ -1,5 +1,6 @@
 #include <Python.h>
 
+#include "editor/host/names.hpp"
 #include "editor/host/ns.hpp"
 #include "editor/unpack.hpp"
 #include "semantic/finally.hpp"
@@ -45,7 +46,7 @@ Ref run(PyObject* module, PyObject* cmd, PyObject* cwd) {
     Ref timeout = check(PyLong_FromLong(time_limit_seconds));
     Ref replace = str("replace");
     try {
-        return call_kw(ns_attr(module, "subprocess", "run").get(), {cmd},
+        return call_kw(ns_attr(module, names::subprocess, "run").get(), {cmd},
                        {{"cwd", cwd},
                         {"capture_output", Py_True},
                         {"text", Py_True},
@@ -53,7 +54,7 @@ Ref run(PyObject* module, PyObject* cmd, PyObject* cwd) {
                         {"errors", replace.get()}});
     } catch (PyError& error) {
         if (error.matches(PyExc_OSError) ||
-            error.matches(ns_attr(module, "subprocess", "SubprocessError").get())) {
+            error.matches(ns_attr(module, names::subprocess, "SubprocessError").get())) {
             return Ref();
         }
         throw;
@@ -95,7 +96,7 @@ Ref compile_errors(PyObject* module, PyObject* exe, PyObject* lang, PyObject* cf
     Ref outdir;
     if (is_java(lang)) {
         Ref prefix = str("orvel_jc_");
-        outdir = call_kw(ns_attr(module, "tempfile", "mkdtemp").get(), {}, {{"prefix", prefix.get()}});
+        outdir = call_kw(ns_attr(module, names::tempfile, "mkdtemp").get(), {}, {{"prefix", prefix.get()}});
     }
     Ref completed = with_finally(
         [&] {
@@ -104,7 +105,7 @@ Ref compile_errors(PyObject* module, PyObject* exe, PyObject* lang, PyObject* cf
         },
         [&] {
             if (!outdir) return;
-            Ref rmtree = ns_attr(module, "shutil", "rmtree");
+            Ref rmtree = ns_attr(module, names::shutil, "rmtree");
             (void)call_kw(rmtree.get(), {outdir.get()}, {{"ignore_errors", Py_True}});
         });
     if (!completed) return Ref::borrow(Py_None);

@@ -1,6 +1,7 @@
 #include <Python.h>
 
 #include "editor/closure.hpp"
+#include "editor/host/names.hpp"
 #include "editor/host/ns.hpp"
 #include "editor/host/pathlib.hpp"
 #include "editor/method.hpp"
@@ -81,7 +82,7 @@ bool still_exists(PyObject* module, PyObject* abs_path) {
 }  // namespace
 
 Ref semantic_errfn(PyObject* module, PyObject* abs_path, PyObject* lang) {
-    Ref languages = ns(module, "_COMPILER_LANGS");
+    Ref languages = ns(module, names::COMPILER_LANGS);
     if (check_bool(PySequence_Contains(languages.get(), lang))) {
         Ref cfg = check(PyObject_GetItem(languages.get(), lang));
         Ref candidates = check(PyMapping_GetItemString(cfg.get(), "exe"));

@@ -1,6 +1,7 @@
 #include <Python.h>
 
 #include "editor/closure.hpp"
+#include "editor/host/names.hpp"
 #include "editor/host/ns.hpp"
 #include "editor/host/pathlib.hpp"
 #include "editor/method.hpp"
@@ -31,7 +32,7 @@ enum class Reporter { findings, module, count };
 Ref flake(PyObject* self, PyObject* m) {
     // The exact class: style findings share base classes with the errors.
     Ref kind = check(PyType_GetName(Py_TYPE(m)));
-    Ref error_types = ns(member(self, Reporter::module), "_PYFLAKES_ERROR_TYPES");
+    Ref error_types = ns(member(self, Reporter::module), names::PYFLAKES_ERROR_TYPES);
     if (!check_bool(PySequence_Contains(error_types.get(), kind.get()))) return Ref::borrow(Py_None);
     Ref text = message_text(m);
     Ref line = attr(m, "lineno");

@@ -4,17 +4,18 @@
 #pragma once
 #include <Python.h>
 
+#include "editor/host/names.hpp"
 #include "editor/host/ns.hpp"
 
 namespace editor {
 
 // `os.path.<test>(path)` of the module's current `os` ("exists", "isdir"), as a C++ bool.
 [[nodiscard]] inline bool path_is(PyObject* module, const char* test, PyObject* path) {
-    return truthy(call(ns_attr(module, "os", "path", test).get(), path).get());
+    return truthy(call(ns_attr(module, names::os, "path", test).get(), path).get());
 }
 
 [[nodiscard]] inline Ref make_path(PyObject* module, PyObject* path) {
-    return call(ns(module, "Path").get(), path);
+    return call(ns(module, names::Path).get(), path);
 }
 
 // path / name
