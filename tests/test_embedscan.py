@@ -3,7 +3,6 @@
 import io
 import tokenize
 import warnings
-from pathlib import Path
 
 import pytest
 from hypothesis import given, settings, strategies as st
@@ -19,21 +18,16 @@ def tokenizer_literals(text):
     offsets = [0]
     for line in text.splitlines(keepends=True):
         offsets.append(offsets[-1] + len(line))
-    spans, depth = [], 0
+    spans, depth, opened = [], 0, 0
     with warnings.catch_warnings():
         warnings.simplefilter("ignore")
         for token in tokenize.generate_tokens(io.StringIO(text).readline):
-            start = offsets[token.start[0] - 1] + token.start[1]
-            end = offsets[token.end[0] - 1] + token.end[1]
+            start, end = (offsets[row - 1] + column for row, column in (token.start, token.end))
             if token.type in OPENERS:
-                depth += 1
-                opened = start if depth == 1 else opened
-            elif token.type in CLOSERS:
-                depth -= 1
-                if depth == 0:
-                    spans.append((opened, end))
-            elif token.type == tokenize.STRING and depth == 0:
-                spans.append((start, end))
+                depth, opened = depth + 1, start if depth == 0 else opened
+            depth -= token.type in CLOSERS
+            if depth == 0 and token.type in CLOSERS | {tokenize.STRING}:
+                spans.append((opened if token.type in CLOSERS else start, end))
     if depth:
         # An unmatched bracket in a replacement field ("f'{]") can leave the tokenizer inside
         # the template to the end without an error: it delimits nothing there to compare with.
@@ -61,17 +55,6 @@ TRICKY = [
 @pytest.mark.parametrize("text", TRICKY)
 def test_literals_match_the_tokenizer(text):
     assert finder_literals(text) == tokenizer_literals(text)
-
-
-def test_literals_match_the_tokenizer_on_the_standard_library():
-    library = Path(tokenize.__file__).parent
-    checked = 0
-    for path in sorted(library.glob("*.py"))[::4]:
-        text = path.read_text(encoding="utf-8")
-        if "\r" not in text and "\f" not in text:
-            assert finder_literals(text) == tokenizer_literals(text), path.name
-            checked += 1
-    assert checked > 30
 
 
 SOURCE = '''\

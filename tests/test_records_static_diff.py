@@ -74,22 +74,6 @@ def test_matches_the_plain_comparison(before, after, cap, own_ids):
     assert result == expected and list(result) == list(expected)
 
 
-plain_defs = st.dictionaries(scopes, st.dictionaries(names, st.lists(st.fixed_dictionaries(
-    {}, optional={"rhs": st.sampled_from(["1", "'a'", "é\n", ""])}), max_size=2), max_size=4), max_size=5)
-
-
-@settings(max_examples=300, deadline=None)
-@given(before=plain_defs, changes=plain_defs, dropped=st.sets(scopes))
-def test_value_tables_of_a_typical_edit(before, changes, dropped):
-    """Str values, and an after table that mostly repeats the before one."""
-    after = {scope: dict(names) for scope, names in before.items() if scope not in dropped}
-    for scope, names in changes.items():
-        after.setdefault(scope, {}).update(names)
-    result = editor.static_diff({"defs": before}, {"defs": after}, 50)
-    expected = reference({"defs": before}, {"defs": after}, 50)
-    assert result == expected and list(result) == list(expected)
-
-
 def test_fifteen_added_edges_give_the_first_ten_by_full_ids_and_the_note_is_fresh():
     edges = [{"caller": f"a/zeta.py::f{i}", "callee": "c.py::g"} for i in range(8)]
     edges += [{"caller": f"b/alpha.py::f{i}", "callee": "c.py::g"} for i in range(7)]
