@@ -60,18 +60,7 @@ def ask(model):
     """
     return model.run("""Return {answer: text; score: number between {0; 1}}""")
 '''
-STYLES = '''\
-import os
-
-LEGACY = ".card { color: red; }}"
-BANNER = "h1 { color: red; }"
-STYLE = """
-body {
-  margin: 0;
-}
-"""
-SCRIPT = "function go() { document.title = 'x'; if (a) { b(); } }"
-'''
+STYLES = 'import os\nLEGACY = ".card { color: red; }}"\nBANNER = "h1 { color: red; }"\nSTYLE = "body { margin: 0; }"\n'
 
 
 @pytest.mark.parametrize(
@@ -94,8 +83,8 @@ SCRIPT = "function go() { document.title = 'x'; if (a) { b(); } }"
         # Mislabelled prompts are broken before and after: they cancel.
         ("m.py", PROMPT, PROMPT.replace("ask(model)", "ask(model, retries=2)"), "ok"),
         # One more broken CSS region: reported at the first such region, an older one above.
-        ("m.py", STYLES, STYLES.replace("  margin: 0;\n}", "  margin: 0;\n}}"), f"embedded css {UNEXPECTED} (line 3)"),
-        ("m.py", STYLES, STYLES.replace("h1 { color: red; }", "h1 { color: red;"), f"embedded css {MISSING} (line 4)"),
+        ("m.py", STYLES, STYLES.replace("margin: 0; }", "margin: 0; }}"), f"embedded css {UNEXPECTED} (line 2)"),
+        ("m.py", STYLES, STYLES.replace("h1 { color: red; }", "h1 { color: red;"), f"embedded css {MISSING} (line 3)"),
     ],
 )
 def test_delta_against_the_text_before(write, name, before, after, expected):
