@@ -51,18 +51,6 @@ def test_children_leading_back_to_their_node_end_in_recursion_error_not_a_hang()
     assert editor._treesitter_error("python", "x = (") == (1, UNEXPECTED)
 
 
-def test_first_hit_stops_pulling_children():
-    pulled = []
-
-    def children():
-        for child in (node(missing=True, row=3), node(missing=True, row=4)):
-            pulled.append(child)
-            yield child
-
-    root = SimpleNamespace(type="x", is_missing=False, has_error=True, children=children())
-    assert editor._first_error_node(root) is pulled[0] and len(pulled) == 1
-
-
 @pytest.mark.parametrize(
     ("language", "text", "first", "counts", "sample"),
     [

@@ -2,12 +2,14 @@ import itertools
 import json
 
 import pytest
-from hypothesis import HealthCheck, settings
+from hypothesis import HealthCheck, given, settings
 from hypothesis import strategies as st
 from hypothesis.stateful import RuleBasedStateMachine, rule, run_state_machine_as_test
 
 import editor
 import projstore
+from helpers import json_like
+from test_records_static_diff import outcome
 
 
 @pytest.fixture
@@ -86,3 +88,18 @@ class LedgerMachine(RuleBasedStateMachine):
 def test_append_and_mark_sequences_follow_the_model(tmp_path, root):
     run_state_machine_as_test(lambda: LedgerMachine(tmp_path), settings=settings(
         max_examples=40, stateful_step_count=10, deadline=None, suppress_health_check=list(HealthCheck)))
+
+
+@settings(max_examples=300, deadline=None, suppress_health_check=list(HealthCheck))
+@given(entry=json_like, count=json_like, stored=json_like)
+def test_random_plain_values_load_as_stored_and_a_failed_write_changes_nothing(entry, count, stored, root):
+    ledger = projstore.ensure_orvel_dir(root) / editor.LEDGER_NAME
+    ledger.write_text(json.dumps(stored))
+    expected = ("ok", json.dumps(stored.get("steps", []))) if isinstance(stored, dict) else ("raised", None)
+    assert outcome(editor.ledger_load, root) == expected
+    for call, argument in ((editor.ledger_append, entry), (editor.ledger_mark_rolled_back, count)):
+        before = ledger.read_text()
+        if outcome(call, root, argument)[0] == "raised":
+            assert ledger.read_text() == before
+        else:
+            assert ledger.read_text() == json.dumps({"steps": editor.ledger_load(root)}, indent=1)
