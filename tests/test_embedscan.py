@@ -73,26 +73,20 @@ SHORT = "a{b:c;}"
 '''
 
 
-def test_regions_kinds_lines_and_template_text():
-    assert _embedded_regions(SOURCE) == [
-        ("html", "<!doctype html>\n<html><body><p>hi</p></body></html>\n", 1),
-        ("css", "body { margin: 0; }", 4),
-        ("js", "function go() { document.title = 'x'; }", 5),
-        ("css", "\n.card { color: _; width: _\npx; }\n", 6),
-        ("css", "a{b:c;}", 11),
-    ]
-
-
 @pytest.mark.parametrize(
     ("text", "regions"),
     [
+        (SOURCE, [("html", "<!doctype html>\n<html><body><p>hi</p></body></html>\n", 1),
+                  ("css", "body { margin: 0; }", 4), ("js", "function go() { document.title = 'x'; }", 5),
+                  ("css", "\n.card { color: _; width: _\npx; }\n", 6), ("css", "a{b:c;}", 11)]),
+        # Unclosed literals end the line, or the scan.
         ("x = 'a { b: c; }\ny = 'd { e: f; }'\n", [("css", "d { e: f; }", 1)]),
         ("x = f'{a:\n}'\ny = 'd { e: f; }'\n", [("css", "d { e: f; }", 2)]),
         ('x = """never closed { a: b; }\ny = "d { e: f; }"\n', []),
         ("x = f'{a\n", []),
     ],
 )
-def test_unclosed_literals_end_the_line_or_the_scan(text, regions):
+def test_regions_kinds_lines_and_template_text(text, regions):
     assert _embedded_regions(text) == regions
 
 
