@@ -62,18 +62,16 @@ def test_command_line_and_working_directory(tmp_path, scratch, lang, fixed):
         ("printf 'f.c:3:1: error:   bad \\377 byte  \\n' >&2\nexit 1\n", [("bad \ufffd byte", 3)]),
         ("echo 'f.c:3:1: warning: w' >&2\necho 'f.c: note: n' >&2\nexit 1\n", None),
         ("kill -SEGV $$\n", None),
+        # Not evaluated: not executable, absent, or the working directory is gone.
+        ("plain", None), ("absent", None), ("no-such-dir", None),
     ],
 )
-def test_exit_status_and_output_formats(tmp_path, body, expected):
-    assert compile_fake(script(tmp_path / "bin", "cc", body), "c", tmp_path / "f.c", tmp_path) == expected
-
-
-def test_unrunnable_compilers_are_not_evaluated(tmp_path):
-    (tmp_path / "plain").write_text("#!/bin/sh\nexit 1\n")
-    runnable = script(tmp_path / "bin", "cc", "exit 1\n")
-    assert compile_fake(tmp_path / "plain", "c", tmp_path / "f.c", tmp_path) is None
-    assert compile_fake(tmp_path / "absent", "c", tmp_path / "f.c", tmp_path) is None
-    assert compile_fake(runnable, "c", tmp_path / "f.c", tmp_path / "no-such-dir") is None
+def test_exit_status_output_formats_and_unrunnable_compilers(tmp_path, body, expected):
+    exe = script(tmp_path / "bin", "cc", "exit 1\n" if body == "no-such-dir" else body)
+    if body in ("plain", "absent"):
+        exe.chmod(0o644) if body == "plain" else exe.unlink()
+    cwd = tmp_path / body if body == "no-such-dir" else tmp_path
+    assert compile_fake(exe, "c", tmp_path / "f.c", cwd) == expected
 
 
 def test_time_limit_kills_the_compiler(tmp_path, scratch, monkeypatch):

@@ -88,7 +88,8 @@ def test_java_in_a_maven_layout(project, tmp_path, monkeypatch):
 def test_current_text_comes_back_in_text_mode_even_when_the_earlier_text_cannot_be_written(tmp_path):
     path = tmp_path / "crlf.py"
     path.write_bytes(b"print(ghost)\r\nx = 1\r\n")
-    assert editor.commit_time_check({str(path): "x = 1\n"}) == ["crlf.py: python error: undefined name 'ghost' (line 1)"]
+    expected = ["crlf.py: python error: undefined name 'ghost' (line 1)"]
+    assert editor.commit_time_check({str(path): "x = 1\n"}) == expected
     assert path.read_bytes() == b"print(ghost)\nx = 1\n"
     with pytest.raises(UnicodeEncodeError):
         editor.commit_time_check({str(path): "lone \ud800 surrogate\n"})
@@ -111,12 +112,12 @@ def test_restore_runs_when_the_analyser_raises_on_the_earlier_text(project, monk
     assert seen == ["int a = nowhere;\n", "int a;\n"] and source.read_text() == "int a = nowhere;\n"
 
 
-def test_java_file_that_is_not_utf8_propagates_untouched(project):
-    content = b"class Latin { String s = \"\xe9\"; int x = y; }\n"
-    (project / "Latin.java").write_bytes(content)
+def test_file_that_is_not_utf8_propagates_untouched(project):
+    content = b"char *s = \"\xe9\"; int x = y;\n"  # compiles with an error, then cannot be read as text
+    (project / "src" / "latin.c").write_bytes(content)
     with pytest.raises(UnicodeDecodeError):
-        editor.commit_time_check({str(project / "Latin.java"): "class Latin {}\n"})
-    assert (project / "Latin.java").read_bytes() == content
+        editor.commit_time_check({str(project / "src" / "latin.c"): "int x;\n"})
+    assert (project / "src" / "latin.c").read_bytes() == content
 
 
 def test_no_compiler_on_the_path_means_no_analyser(project, monkeypatch):

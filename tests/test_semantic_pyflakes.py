@@ -13,9 +13,11 @@ from helpers import write
     [
         ("import os\n\ndef f():\n    unused = 1\n", []),
         ("def broken(:\n    pass\n", []),
-        ("print(ghost)\n\n" + "\n" * 9 + "print(ghost)\n", [("undefined name 'ghost'", 1), ("undefined name 'ghost'", 12)]),
+        ("print(ghost)\n" + "\n" * 10 + "print(ghost)\n",
+         [("undefined name 'ghost'", 1), ("undefined name 'ghost'", 12)]),
         ("x = 1\nreturn x\n", [("'return' outside function", 2)]),
-        ("a = b = 1\nif (a, b):\n    pass\n", [("'if tuple literal' is always true, perhaps remove accidental comma?", 2)]),
+        ("a = b = 1\nif (a, b):\n    pass\n",
+         [("'if tuple literal' is always true, perhaps remove accidental comma?", 2)]),
         ("def f(a, a):\n    pass\n", [("duplicate argument 'a' in function definition", 1)]),
         ("__all__ = ['nowhere']\n", [("undefined name 'nowhere' in __all__", 1)]),
         ("for i in []:\n    pass\nbreak\n", [("'break' outside loop", 3)]),
