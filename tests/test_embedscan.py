@@ -1,4 +1,4 @@
-"""The region finder: literals delimited exactly as the host's tokenizer does, then classified."""
+# The region finder: literals delimited exactly as the host's tokenizer does, then classified.
 
 import io
 import tokenize
@@ -14,7 +14,7 @@ CLOSERS = {tokenize.FSTRING_END, tokenize.TSTRING_END}
 
 
 def tokenizer_literals(text):
-    """(start, end) offsets of every top-level literal as the host's tokenizer reports them."""
+    # (start, end) offsets of every top-level literal as the host's tokenizer reports them.
     offsets = [0]
     for line in text.splitlines(keepends=True):
         offsets.append(offsets[-1] + len(line))

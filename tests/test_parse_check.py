@@ -1,5 +1,5 @@
-"""The syntax check after a write: the host's compiler for Python, tree-sitter elsewhere, deltas
-against the text before the edit, and the web code held in Python strings."""
+# The syntax check after a write: the host's compiler for Python, tree-sitter elsewhere, deltas
+# against the text before the edit, and the web code held in Python strings.
 
 import threading
 

@@ -1,5 +1,5 @@
-"""Random input through every entry point of the parse checks: answers of the documented shape,
-only the documented exceptions, and never a crash of the interpreter."""
+# Random input through every entry point of the parse checks: answers of the documented shape,
+# only the documented exceptions, and never a crash of the interpreter.
 
 import langtable
 from hypothesis import HealthCheck, given, settings, strategies as st

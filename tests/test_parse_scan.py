@@ -1,4 +1,4 @@
-"""Tree-sitter error scans over the real grammars and over hand-built trees."""
+# Tree-sitter error scans over the real grammars and over hand-built trees.
 
 import os
 import subprocess
@@ -33,7 +33,7 @@ def test_scans_visit_outermost_errors_in_pre_order_and_skip_clean_subtrees():
     assert editor._first_error_node(node([node(missing=True)], has_error=False)) is None
 
 
-def test_a_tree_100000_levels_deep_is_walked_without_recursion():
+def test_the_walk_keeps_its_own_bounded_stack():
     tree = node(missing=True, row=99)
     for _ in range(100_000):
         tree = node([node(), tree])
@@ -41,9 +41,7 @@ def test_a_tree_100000_levels_deep_is_walked_without_recursion():
     editor._all_error_nodes(tree, out)
     assert editor._first_error_node(tree).start_point == (99, 0) and len(out) == 1
     assert editor._treesitter_error("javascript", "x = " + "[" * 100_000 + "1 +" + "]" * 100_000 + ";\n")
-
-
-def test_children_leading_back_to_their_node_end_in_recursion_error_not_a_hang():
+    # Children leading back to their node end in RecursionError, not a hang.
     loop = SimpleNamespace(type="x", is_missing=False, has_error=True, start_point=(0, 0))
     loop.children = [loop]
     with pytest.raises(RecursionError):

@@ -1,4 +1,4 @@
-"""Language detection and the count of broken web regions in Python source."""
+# Language detection and the count of broken web regions in Python source.
 
 import sys
 import types

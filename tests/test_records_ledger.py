@@ -54,7 +54,7 @@ def test_a_non_mapping_entry_gets_the_hosts_message(root):
 
 
 class LedgerMachine(RuleBasedStateMachine):
-    """Appends and marks (counts below 1 flag nothing) against a list model of the entries."""
+    # Appends and marks (counts below 1 flag nothing) against a list model of the entries.
 
     projects = itertools.count()
 

@@ -8,8 +8,8 @@ from helpers import file_text, tree_digest, tree_texts
 
 
 class SnapshotMachine(RuleBasedStateMachine):
-    """Plain writes, each after take_snapshot, and rollbacks of random depth, against a model
-    of the tree as it stood before every write."""
+    # Plain writes, each after take_snapshot, and rollbacks of random depth, against a model
+    # of the tree as it stood before every write.
 
     def __init__(self, root):
         super().__init__()

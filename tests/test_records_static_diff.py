@@ -26,7 +26,7 @@ def const_values(enriched):
 
 
 def reference(before, after, cap=10):
-    """The comparison written plainly, as the host application would in Python."""
+    # The comparison written plainly, as the host application would in Python.
     eb = {(e["caller"], e["callee"]) for e in before.get("edges", [])}
     ea = {(e["caller"], e["callee"]) for e in after.get("edges", [])}
     sb, sa = set(before.get("symbols", {})), set(after.get("symbols", {}))

@@ -11,7 +11,7 @@ from helpers import script
 
 @pytest.fixture
 def scratch(tmp_path, monkeypatch):
-    """The temporary directory javac's class output goes to, watched for leftovers."""
+    # The temporary directory javac's class output goes to, watched for leftovers.
     directory = tmp_path / "tmp"
     directory.mkdir()
     monkeypatch.setattr(tempfile, "tempdir", str(directory))
