@@ -39,18 +39,14 @@ def test_unusable_ledgers_read_as_empty_and_numbering_restarts(root, content):
     (b'{"steps": []}', lambda root: editor.ledger_append(root, {"bad": {1, 2}}), TypeError),
     (b'{"steps": []}', lambda root: editor.ledger_append(root, [("a", 1)]), TypeError),
     (b'{"steps": []}', lambda root: editor.ledger_mark_rolled_back(root, 1.0), TypeError),
+    (b'{"steps": []}', lambda root: editor.ledger_append(root, 5), "^'int' object is not a mapping$"),
 ])
 def test_other_faults_propagate_and_leave_the_file_unchanged(root, content, call, error):
     ledger_file(root).parent.mkdir(parents=True)
     ledger_file(root).write_bytes(content)
-    with pytest.raises(error):
+    with pytest.raises(TypeError if isinstance(error, str) else error, match=error if isinstance(error, str) else None):
         call(root)
     assert ledger_file(root).read_bytes() == content
-
-
-def test_a_non_mapping_entry_gets_the_hosts_message(root):
-    with pytest.raises(TypeError, match="^'int' object is not a mapping$"):
-        editor.ledger_append(root, 5)
 
 
 class LedgerMachine(RuleBasedStateMachine):

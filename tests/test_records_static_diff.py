@@ -27,9 +27,8 @@ def const_values(enriched):
 
 def reference(before, after, cap=10):
     # The comparison written plainly, as the host application would in Python.
-    eb = {(e["caller"], e["callee"]) for e in before.get("edges", [])}
-    ea = {(e["caller"], e["callee"]) for e in after.get("edges", [])}
-    sb, sa = set(before.get("symbols", {})), set(after.get("symbols", {}))
+    eb, ea = ({(e["caller"], e["callee"]) for e in m.get("edges", [])} for m in (before, after))
+    sb, sa = (set(m.get("symbols", {})) for m in (before, after))
     vb, va = const_values(before), const_values(after)
     lists = {
         "edges_added": [f"{short(a)} -> {short(b)}" for a, b in sorted(ea - eb)],
