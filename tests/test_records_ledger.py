@@ -2,12 +2,14 @@ import itertools
 import json
 
 import pytest
-from hypothesis import HealthCheck, settings
+from hypothesis import HealthCheck, given, settings
 from hypothesis import strategies as st
 from hypothesis.stateful import RuleBasedStateMachine, rule, run_state_machine_as_test
 
 import editor
 import projstore
+from helpers import json_like
+from test_records_static_diff import outcome
 
 
 @pytest.fixture
@@ -18,20 +20,6 @@ def root(tmp_path, monkeypatch):
 
 def ledger_file(root):
     return projstore.project_dir(root) / editor.LEDGER_NAME
-
-
-def test_the_file_is_what_the_hosts_json_dumps_writes(root):
-    entries = [
-        {"file": "src/ünïcödé.py", "lines": [1, [2, 3]], "meta": {"ok": True, "none": None, "no": False}},
-        {"emoji": "😀 beyond the BMP", "ratio": 0.1, "big": 1e300, "tiny": 5e-324, "neg": -0.0},
-        {"n": 99, "nested": [{"a": []}, {}, [[]]], "tab\tkey": "quote\" and \\ backslash", "ts": "caller's"},
-    ]
-    for number, entry in enumerate(entries, 1):
-        assert editor.ledger_append(root, dict(entry)) == number
-    stored = editor.ledger_load(root)
-    expected = [{**entry, "n": i, "ts": stored[i - 1]["ts"]} for i, entry in enumerate(entries, 1)]
-    assert stored == expected and list(stored[2]) == ["n", "nested", "tab\tkey", "ts"]
-    assert ledger_file(root).read_bytes() == json.dumps({"steps": expected}, indent=1).encode("ascii")
 
 
 @pytest.mark.parametrize("content", [b"{}", b"{broken", b"\xff\xfe garbage", b"", None],
@@ -51,22 +39,18 @@ def test_unusable_ledgers_read_as_empty_and_numbering_restarts(root, content):
     (b'{"steps": []}', lambda root: editor.ledger_append(root, {"bad": {1, 2}}), TypeError),
     (b'{"steps": []}', lambda root: editor.ledger_append(root, [("a", 1)]), TypeError),
     (b'{"steps": []}', lambda root: editor.ledger_mark_rolled_back(root, 1.0), TypeError),
+    (b'{"steps": []}', lambda root: editor.ledger_append(root, 5), "^'int' object is not a mapping$"),
 ])
 def test_other_faults_propagate_and_leave_the_file_unchanged(root, content, call, error):
     ledger_file(root).parent.mkdir(parents=True)
     ledger_file(root).write_bytes(content)
-    with pytest.raises(error):
+    with pytest.raises(TypeError if isinstance(error, str) else error, match=error if isinstance(error, str) else None):
         call(root)
     assert ledger_file(root).read_bytes() == content
 
 
-def test_a_non_mapping_entry_gets_the_hosts_message(root):
-    with pytest.raises(TypeError, match="^'int' object is not a mapping$"):
-        editor.ledger_append(root, 5)
-
-
 class LedgerMachine(RuleBasedStateMachine):
-    """Appends and marks (counts below 1 flag nothing) against a list model of the entries."""
+    # Appends and marks (counts below 1 flag nothing) against a list model of the entries.
 
     projects = itertools.count()
 
@@ -74,10 +58,10 @@ class LedgerMachine(RuleBasedStateMachine):
         super().__init__()
         self.root, self.model = str(base / f"project{next(self.projects)}"), []
 
-    @rule(entry=st.dictionaries(st.sampled_from(["file", "n", "ts", "rolled_back"]),
-                                st.integers() | st.text(max_size=5) | st.booleans(), max_size=4))
+    @rule(entry=st.dictionaries(st.sampled_from(["file", "n", "ts", "rolled_back", "ü😀\t\""]),
+                                st.integers() | st.text(max_size=5) | st.booleans() | st.floats(), max_size=4))
     def append(self, entry):
-        self.model.append({**entry, "n": len(self.model) + 1})
+        self.model.append({**entry, "n": len(self.model) + 1, "ts": None})  # keys keep their places
         assert editor.ledger_append(self.root, entry) == len(self.model)
 
     @rule(count=st.integers(-2, 6))
@@ -89,14 +73,29 @@ class LedgerMachine(RuleBasedStateMachine):
 
     def teardown(self):
         stored = editor.ledger_load(self.root)
-        assert [{**e, "ts": None} for e in stored] == [{**e, "ts": None} for e in self.model]
+        assert json.dumps([{**e, "ts": None} for e in stored]) == json.dumps(self.model)
         stamps = [e["ts"] for e in stored]
         assert all(isinstance(t, float) for t in stamps) and stamps == sorted(stamps)
         # Empty or flagged, the file is laid out as the host's json.dumps lays it out.
         if ledger_file(self.root).exists():
-            assert ledger_file(self.root).read_text() == json.dumps({"steps": stored}, indent=1)
+            assert ledger_file(self.root).read_bytes() == json.dumps({"steps": stored}, indent=1).encode("ascii")
 
 
 def test_append_and_mark_sequences_follow_the_model(tmp_path, root):
     run_state_machine_as_test(lambda: LedgerMachine(tmp_path), settings=settings(
         max_examples=40, stateful_step_count=10, deadline=None, suppress_health_check=list(HealthCheck)))
+
+
+@settings(max_examples=300, deadline=None, suppress_health_check=list(HealthCheck))
+@given(entry=json_like, count=json_like, stored=json_like)
+def test_random_plain_values_load_as_stored_and_a_failed_write_changes_nothing(entry, count, stored, root):
+    ledger = projstore.ensure_orvel_dir(root) / editor.LEDGER_NAME
+    ledger.write_text(json.dumps(stored))
+    expected = ("ok", json.dumps(stored.get("steps", []))) if isinstance(stored, dict) else ("raised", None)
+    assert outcome(editor.ledger_load, root) == expected
+    for call, argument in ((editor.ledger_append, entry), (editor.ledger_mark_rolled_back, count)):
+        before = ledger.read_text()
+        if outcome(call, root, argument)[0] == "raised":
+            assert ledger.read_text() == before
+        else:
+            assert ledger.read_text() == json.dumps({"steps": editor.ledger_load(root)}, indent=1)

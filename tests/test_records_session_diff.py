@@ -6,7 +6,7 @@ import pytest
 from hypothesis import given, settings
 
 import editor
-from helpers import file_text
+from helpers import file_text, tree_digest
 
 
 def unified(before, after, name):
@@ -26,21 +26,17 @@ def test_one_file_matches_difflib(before, after):
 
 def test_path_order_created_deleted_unchanged_same_names_and_backslashes(tmp_path, monkeypatch):
     monkeypatch.chdir(tmp_path)
-    for sub in ("a", "b", "z"):
-        Path(sub).mkdir()
-    for path, text in {"z/new.py": "one\ntwo\n", "b/app.py": "x = 2\n", "a/app.py": "y = 2\n",
-                       "a/keep.py": "same\n", "C:\\proj\\win.py": "w\n"}.items():
-        Path(path).write_text(text)
+    now = {"z/new.py": "one\ntwo\n", "b/app.py": "x = 2\n", "a/app.py": "y = 2\n", "a/keep.py": "same\n",
+           "C:\\proj\\win.py": "w\n", "a/gone.py": ""}
     touched = {"z/new.py": None, "a/gone.py": "old\nlines\n", "b/app.py": "x = 1\n", "a/app.py": "y = 1\n",
                "a/keep.py": "same\n", "C:\\proj\\win.py": "v\n"}
+    for path, text in now.items():
+        Path(path).parent.mkdir(exist_ok=True)
+        if text:
+            Path(path).write_text(text)
     assert editor.session_diff(touched).split("\n\n") == [
-        unified("v\n", "w\n", "win.py"),
-        unified("y = 1\n", "y = 2\n", "app.py"),
-        unified("old\nlines\n", "", "gone.py"),
-        unified("x = 1\n", "x = 2\n", "app.py"),
-        unified("", "one\ntwo\n", "new.py"),
-    ]
-    assert "@@ -1,2 +0,0 @@" in unified("old\nlines\n", "", "gone.py")
+        unified(touched[path] or "", now[path], path.replace("\\", "/").split("/")[-1]) for path in sorted(touched)
+        if path != "a/keep.py"]
 
 
 @pytest.mark.parametrize("disk, first_touch", [(b"a\r\nb\r\n", "a\nb\n"), (b"a\nb", "a\nb\n"), (b"same", "same")],
@@ -50,8 +46,15 @@ def test_changes_line_splitting_cannot_see_give_no_chunk(tmp_path, disk, first_t
     assert editor.session_diff({str(tmp_path / "f.txt"): first_touch}) == editor.session_diff({}) == ""
 
 
-def test_unreadable_file_counts_as_empty_but_bad_utf8_raises(tmp_path):
+def test_unreadable_file_counts_as_empty_but_bad_utf8_and_wrong_types_raise(tmp_path):
     assert editor.session_diff({str(tmp_path): "x\n"}) == unified("x\n", "", tmp_path.name)
     (tmp_path / "bad.txt").write_bytes(b"\xff")
     with pytest.raises(UnicodeDecodeError):
         editor.session_diff({str(tmp_path / "bad.txt"): "x\n"})
+    tree = tree_digest(tmp_path)
+    # Checked before anything is called on them: a Path's own replace() would rename the file.
+    for touched, message in [({tmp_path / "bad.txt": "x"}, "touched paths must be str, not PosixPath"),
+                             ({str(tmp_path / "bad.txt"): b"x"}, "first-touch texts must be str or None, not bytes")]:
+        with pytest.raises(TypeError, match=f"^{message}$"):
+            editor.session_diff(touched)
+    assert tree_digest(tmp_path) == tree

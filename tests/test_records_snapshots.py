@@ -8,8 +8,8 @@ from helpers import file_text, tree_digest, tree_texts
 
 
 class SnapshotMachine(RuleBasedStateMachine):
-    """Plain writes, each after take_snapshot, and rollbacks of random depth, against a model
-    of the tree as it stood before every write."""
+    # Plain writes, each after take_snapshot, and rollbacks of random depth, against a model
+    # of the tree as it stood before every write.
 
     def __init__(self, root):
         super().__init__()
@@ -60,22 +60,24 @@ def test_rollback_restores_the_tree_before_the_kth_newest_write(tmp_path):
         max_examples=60, stateful_step_count=12, deadline=None, suppress_health_check=list(HealthCheck)))
 
 
-def test_crlf_comes_back_as_lf_and_a_missing_file_has_no_text(tmp_path):
-    path = tmp_path / "crlf.txt"
-    path.write_bytes(b"one\r\ntwo\rthree\n")
-    stack = [editor.take_snapshot({}, str(path))]
-    assert editor.take_snapshot({}, str(tmp_path / "absent"))["text_before"] is None
-    path.write_bytes(b"changed on disk, never compared")
-    editor.rollback_steps(stack, 1)
-    assert path.read_bytes() == b"one\ntwo\nthree\n"
-
-
 @pytest.mark.parametrize("content, error", [(b"\xff not utf-8", UnicodeDecodeError), (None, IsADirectoryError)])
 def test_snapshot_of_an_unreadable_path_raises(tmp_path, content, error):
     path = tmp_path / "target"
     path.mkdir() if content is None else path.write_bytes(content)
     with pytest.raises(error):
         editor.take_snapshot({}, str(path))
+
+
+def test_crlf_comes_back_as_lf_and_a_failing_write_consumes_only_the_records_reached(tmp_path):
+    path = tmp_path / "crlf.txt"
+    path.write_bytes(b"one\r\ntwo\rthree\n")
+    stack = [editor.take_snapshot({}, None), editor.take_snapshot({}, str(path)),
+             {"ts": 0.0, "path": str(tmp_path), "text_before": "x", "raw": 1}]
+    path.write_bytes(b"changed on disk, never compared")
+    with pytest.raises(IsADirectoryError):
+        editor.rollback_steps(stack, 3)
+    assert len(stack) == 2 and editor.rollback_steps(stack, 1) == {"restored": [str(path)], "raw": {}}
+    assert path.read_bytes() == b"one\ntwo\nthree\n"
 
 
 def test_undoing_a_creation_whose_file_is_gone_is_refused_after_earlier_restores(tmp_path):
@@ -86,13 +88,6 @@ def test_undoing_a_creation_whose_file_is_gone_is_refused_after_earlier_restores
     assert editor.rollback_steps(stack, 2) == {
         "error": f"could not delete {created}: [Errno 2] No such file or directory: '{created}'"}
     assert stack == [{"kept": True}] and edited.read_text() == "old"
-
-
-def test_a_failing_write_consumes_only_the_records_reached(tmp_path):
-    stack = [editor.take_snapshot({}, None), {"ts": 0.0, "path": str(tmp_path), "text_before": "x", "raw": 1}]
-    with pytest.raises(IsADirectoryError):
-        editor.rollback_steps(stack, 2)
-    assert len(stack) == 1
 
 
 @pytest.mark.parametrize("bad, steps, error", [

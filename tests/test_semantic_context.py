@@ -4,16 +4,6 @@ import editor
 from helpers import repository, script, write
 
 
-def test_compiler_table_holds_the_module_objects():
-    langs = editor._COMPILER_LANGS
-    assert list(langs) == ["cpp", "c", "java"]
-    assert all(list(entry) == ["exe", "std", "diag", "context", "label"] for entry in langs.values())
-    assert langs["cpp"]["diag"] is editor._GCC_DIAG is langs["c"]["diag"]
-    assert langs["cpp"]["context"] is editor._cpp_context is langs["c"]["context"]
-    assert langs["java"]["diag"] is editor._JAVAC_DIAG and langs["java"]["context"] is editor._java_context
-    assert langs["java"]["std"] is None and langs["cpp"]["label"] == "c++"
-
-
 def test_find_exe_takes_the_first_candidate_on_the_path(tmp_path, monkeypatch):
     bin_dir = tmp_path / "bin"
     clang = script(bin_dir, "clang++", "exit 0\n")
@@ -45,9 +35,7 @@ def test_repo_root_walks_at_most_fifty_directories(tmp_path, marker_is_file):
         ("src/Foo.C", ["", "include", "src"]),
         ("lib/deep/x.C++", ["", "include", "src", "lib/deep"]),
         ("lib/a.CPP", ["", "lib"]),  # no include/ or src/ in this checkout
-        ("lib/a.h", None),
-        ("lib/a.HPP", None),
-        ("lib/a.inl", None),
+        ("lib/a.h", None),  # a header has no compile of its own
     ],
 )
 def test_cpp_context(tmp_path, relative, dirs):
@@ -56,9 +44,7 @@ def test_cpp_context(tmp_path, relative, dirs):
     if "include" in (dirs or []):
         repository(root)
     target = write(root / relative, "int x;\n")
-    expected = None
-    if dirs is not None:
-        expected = ([item for d in dirs for item in ("-I", str(root / d) if d else str(root))], str(root))
+    expected = dirs and ([item for d in dirs for item in ("-I", str(root / d) if d else str(root))], str(root))
     assert editor._cpp_context(str(target)) == expected
 
 
@@ -83,19 +69,20 @@ def test_java_context_of_a_maven_layout(tmp_path):
         ("x/y/Foo.java", "class Foo {}\n", "x/y"),
         ("src/acme/Foo.java", "// acme\n  package acme ;\n", "src"),
         ("pkg/a/b/Foo.JAVA", "/*\n package a.b;\n*/\npackage other;\n", "pkg"),  # first match, even in a comment
+        ("Foo.kt", "class Foo", None), ("Missing.java", None, None), ("Dir.java", "", None),
     ],
 )
 def test_java_context_source_path(tmp_path, relative, text, source_root):
     root = repository(tmp_path / "r")
-    source = write(root / relative, text)
-    assert editor._java_context(str(source)) == (["-sourcepath", str(root / source_root)], str(root))
+    if text == "":
+        (root / relative).mkdir()
+    elif text is not None:
+        write(root / relative, text)
+    expected = source_root and (["-sourcepath", str(root / source_root)], str(root))
+    assert editor._java_context(str(root / relative)) == expected
 
 
-def test_java_context_refusals_and_decoding_errors(tmp_path):
-    assert editor._java_context(str(write(tmp_path / "Foo.kt", "class Foo"))) is None
-    assert editor._java_context(str(tmp_path / "Missing.java")) is None
-    (tmp_path / "Dir.java").mkdir()
-    assert editor._java_context(str(tmp_path / "Dir.java")) is None
+def test_java_source_that_is_not_utf8_raises(tmp_path):
     (tmp_path / "Latin.java").write_bytes(b"class Latin { String s = \"\xe9\"; }\n")
     with pytest.raises(UnicodeDecodeError):
         editor._java_context(str(tmp_path / "Latin.java"))

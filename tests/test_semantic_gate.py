@@ -13,42 +13,47 @@ def project(tmp_path):
     return repository(tmp_path / "proj")
 
 
-@pytest.fixture
-def cc_log(tmp_path, monkeypatch):
-    """Puts a run-counting `cc` (the real gcc underneath) first on the search path."""
-    gcc = shutil.which("gcc")
+def test_compiled_errors_count_by_message_not_by_line(project, tmp_path, monkeypatch):
+    gcc = shutil.which("gcc")  # a run-counting `cc` first on the search path
     script(tmp_path / "bin", "cc", f'echo run >> "{tmp_path / 'cc.log'}"\nexec "{gcc}" "$@"\n')
     monkeypatch.setenv("PATH", f"{tmp_path / 'bin'}:{gcc.rsplit('/', 1)[0]}")
-    return tmp_path / "cc.log"
-
-
-def runs(log):
-    return len(log.read_text().splitlines()) if log.exists() else 0
-
-
-@pytest.mark.parametrize(
-    "before, after, expected",
-    [
-        ('#include "util.h"\nint twice(int x) { return scale(x, 2); }\n',
-         '#include "util.h"\n\nint twice(int x) { return scale(x, factor); }\n',
-         r"m\.c: c error: \S*factor\S* undeclared .*\(line 3\)"),
-        # A header that is missing before and after is stable noise.
-        ('#include "gone.h"\nint a;\n', '#include "gone.h"\nint a;\nint b;\n', None),
-        # Moving an existing error to another line adds nothing.
-        ("int f(void) { return q; }\n", "\n\nint f(void) { return q; }\n", None),
-        # The same text with its errors passes too, after two runs.
-        ("int broken = nowhere;\n", "int broken = nowhere;\n", None),
-        # One occurrence before, two now: the second one is named, with its own line.
-        ("int f(void) { return zz; }\n", "int f(void) { return zz; }\nint g(void) { return zz; }\n",
-         r"m\.c: c error: \S*zz\S* undeclared \(first use in this function\) \(line 2\)"),
-    ],
-)
-def test_c_errors_count_by_message_not_by_line(project, cc_log, before, after, expected):
     write(project / "include" / "util.h", "int scale(int x, int by);\n")
-    source = write(project / "src" / "m.c", after)
-    result = editor.commit_time_check({str(source): before})
-    assert len(result) == (expected is not None) and all(re.fullmatch(expected, entry) for entry in result)
-    assert runs(cc_log) == 2 and source.read_text() == after
+    write(project / "include" / "bad.h", "int a;\n\nint b = undefined_q;\n")
+    cases = {  # name: (before, after, runs of cc)
+        "twice.c": ('#include "util.h"\nint twice(int x) { return scale(x, 2); }\n',
+                    '#include "util.h"\n\nint twice(int x) { return scale(x, factor); }\n', 2),
+        # A header that is missing before and after is stable noise.
+        "gone.c": ('#include "gone.h"\nint a;\n', '#include "gone.h"\nint a;\nint b;\n', 2),
+        # Moving an existing error to another line adds nothing; nor does the same text.
+        "moved.c": ("int f(void) { return q; }\n", "\n\nint f(void) { return q; }\n", 2),
+        "same.c": ("int broken = nowhere;\n", "int broken = nowhere;\n", 2),
+        # One occurrence before, two now: the second one is named, with its own line.
+        "zz.c": ("int f(void) { return zz; }\n", "int f(void) { return zz; }\nint g(void) { return zz; }\n", 2),
+        # Inside a header its own line counts; a missing header is a (fatal) error too.
+        "uses_bad.c": ("int a;\n", '#include "bad.h"\n', 2),
+        "uses_missing.c": ("int a;\n", '\n#include "missing.h"\n', 2),
+        "fixed.c": ("int broken = nowhere;\n", "int ok;\n", 1),  # a clean file costs one run
+        "m.cpp": ("int f() { return 0; }\n", "int f() { return undeclared_cpp; }\n", 0),
+        # Created, no build context, deleted, or no analyser: no run at all.
+        "made.c": (None, "int broken = nowhere;\n", 0),
+        "types.h": ("int ok;\n", "int broken = nowhere;\n", 0),
+        "deleted.c": ("int ok;\n", None, 0),
+        "web.ts": ("let x = 1;\n", "let x = y;\n", 0),
+    }
+    paths = {name: project / "src" / name for name in cases}
+    for name, (_, after, _) in cases.items():
+        if after is not None:
+            write(paths[name], after)
+    result = editor.commit_time_check({str(paths[name]): before for name, (before, _, _) in cases.items()})
+    expected = [r"twice\.c: c error: \S*factor\S* undeclared .*\(line 3\)",
+                r"zz\.c: c error: \S*zz\S* undeclared \(first use in this function\) \(line 2\)",
+                r"uses_bad\.c: c error: \S*undefined_q\S* undeclared here .*\(line 3\)",
+                r"uses_missing\.c: c error: missing\.h: No such file or directory \(line 2\)",
+                r"m\.cpp: c\+\+ error: \S*undeclared_cpp\S* was not declared in this scope \(line 1\)"]
+    assert len(result) == len(expected) and all(map(re.fullmatch, expected, result)), result
+    assert len((tmp_path / "cc.log").read_text().splitlines()) == sum(runs for _, _, runs in cases.values())
+    assert {name: path.read_text() for name, path in paths.items() if path.exists()} == {
+        name: after for name, (_, after, _) in cases.items() if after is not None}
 
 
 def test_python_findings_in_touched_order(project, tmp_path):
@@ -80,31 +85,15 @@ def test_java_in_a_maven_layout(project, tmp_path, monkeypatch):
     assert not list(tmp_path.glob("orvel_jc_*"))
 
 
-@pytest.mark.parametrize(
-    "name, before",
-    [("made.c", None), ("types.h", "int ok;\n"), ("gone.c", "int ok;\n"), ("web.ts", "let x = 1;\n")],
-    ids=["created", "header", "deleted", "no-analyser"],
-)
-def test_files_without_a_baseline_or_analyser_cost_nothing(project, cc_log, name, before):
-    path = project / "src" / name
-    if name != "gone.c":
-        write(path, "int broken = nowhere;\n")
-    assert editor.commit_time_check({str(path): before}) == []
-    assert runs(cc_log) == 0
-
-
-def test_current_text_comes_back_in_text_mode(tmp_path):
+def test_current_text_comes_back_in_text_mode_even_when_the_earlier_text_cannot_be_written(tmp_path):
     path = tmp_path / "crlf.py"
     path.write_bytes(b"print(ghost)\r\nx = 1\r\n")
-    assert editor.commit_time_check({str(path): "x = 1\n"}) == ["crlf.py: python error: undefined name 'ghost' (line 1)"]
+    expected = ["crlf.py: python error: undefined name 'ghost' (line 1)"]
+    assert editor.commit_time_check({str(path): "x = 1\n"}) == expected
     assert path.read_bytes() == b"print(ghost)\nx = 1\n"
-
-
-def test_restore_runs_when_the_earlier_text_cannot_be_written(tmp_path):
-    path = write(tmp_path / "m.py", "print(ghost)\n")
     with pytest.raises(UnicodeEncodeError):
         editor.commit_time_check({str(path): "lone \ud800 surrogate\n"})
-    assert path.read_text() == "print(ghost)\n"
+    assert path.read_bytes() == b"print(ghost)\nx = 1\n"
 
 
 def test_restore_runs_when_the_analyser_raises_on_the_earlier_text(project, monkeypatch):
@@ -123,19 +112,14 @@ def test_restore_runs_when_the_analyser_raises_on_the_earlier_text(project, monk
     assert seen == ["int a = nowhere;\n", "int a;\n"] and source.read_text() == "int a = nowhere;\n"
 
 
-def test_java_file_that_is_not_utf8_propagates_untouched(project):
-    content = b"class Latin { String s = \"\xe9\"; int x = y; }\n"
-    (project / "Latin.java").write_bytes(content)
+def test_file_that_is_not_utf8_propagates_untouched(project):
+    content = b"char *s = \"\xe9\"; int x = y;\n"  # compiles with an error, then cannot be read as text
+    (project / "src" / "latin.c").write_bytes(content)
     with pytest.raises(UnicodeDecodeError):
-        editor.commit_time_check({str(project / "Latin.java"): "class Latin {}\n"})
-    assert (project / "Latin.java").read_bytes() == content
+        editor.commit_time_check({str(project / "src" / "latin.c"): "int x;\n"})
+    assert (project / "src" / "latin.c").read_bytes() == content
 
 
-def test_analyser_choice(project, monkeypatch):
-    source = write(project / "src" / "a.c", "int a;\n")
-    label, errfn = editor._semantic_errfn(str(source), "c")
-    assert label == "c" and errfn(str(source)) == []
-    assert editor._semantic_errfn(str(source), "python") == ("python", editor._pyflakes_errors)
-    assert editor._semantic_errfn(str(source), "rust") is None
+def test_no_compiler_on_the_path_means_no_analyser(project, monkeypatch):
     monkeypatch.setenv("PATH", str(project / "empty"))
-    assert editor._semantic_errfn(str(source), "c") is None
+    assert editor._semantic_errfn(str(write(project / "src" / "a.c", "int a;\n")), "c") is None

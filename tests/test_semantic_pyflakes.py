@@ -7,18 +7,17 @@ import pytest
 import editor
 from helpers import write
 
-UNDEFINED_AT_12 = "import os\n" + "\n" * 10 + "print(os.sep, shadowy)\n"
-
 
 @pytest.mark.parametrize(
     "source, expected",
     [
-        (UNDEFINED_AT_12, [("undefined name 'shadowy'", 12)]),
         ("import os\n\ndef f():\n    unused = 1\n", []),
         ("def broken(:\n    pass\n", []),
-        ("print(ghost)\nprint(ghost)\n", [("undefined name 'ghost'", 1), ("undefined name 'ghost'", 2)]),
+        ("print(ghost)\n" + "\n" * 10 + "print(ghost)\n",
+         [("undefined name 'ghost'", 1), ("undefined name 'ghost'", 12)]),
         ("x = 1\nreturn x\n", [("'return' outside function", 2)]),
-        ("a = b = 1\nif (a, b):\n    pass\n", [("'if tuple literal' is always true, perhaps remove accidental comma?", 2)]),
+        ("a = b = 1\nif (a, b):\n    pass\n",
+         [("'if tuple literal' is always true, perhaps remove accidental comma?", 2)]),
         ("def f(a, a):\n    pass\n", [("duplicate argument 'a' in function definition", 1)]),
         ("__all__ = ['nowhere']\n", [("undefined name 'nowhere' in __all__", 1)]),
         ("for i in []:\n    pass\nbreak\n", [("'break' outside loop", 3)]),
@@ -44,19 +43,15 @@ def test_format_that_does_not_fit_falls_back_to_the_raw_message(tmp_path, monkey
     assert editor._pyflakes_errors(str(path)) == [("undefined names %r and %r", 2)]
 
 
-def test_not_evaluated_when_pyflakes_is_missing_or_fails(tmp_path, monkeypatch):
+def test_not_evaluated_when_pyflakes_is_missing_or_fails_and_non_utf8_propagates(tmp_path, monkeypatch):
     broken = write(tmp_path / "m.py", "print(ghost)\n")
     # Deep enough to exhaust pyflakes' recursion, shallow enough for the parser.
     deep = write(tmp_path / "deep.py", "x = " + "+".join(["ghost"] * 2000) + "\n")
     assert editor._pyflakes_errors(str(deep)) is None
     assert editor._pyflakes_errors(str(tmp_path / "absent.py")) is None
     assert editor._pyflakes_errors(str(tmp_path)) is None
+    (tmp_path / "latin.py").write_bytes(b"name = '\xe9'\nprint(ghost)\n")
+    with pytest.raises(UnicodeDecodeError):
+        editor._pyflakes_errors(str(tmp_path / "latin.py"))
     monkeypatch.setitem(sys.modules, "pyflakes", None)
     assert editor._pyflakes_errors(str(broken)) is None
-
-
-def test_text_that_is_not_utf8_propagates(tmp_path):
-    path = tmp_path / "latin.py"
-    path.write_bytes(b"name = '\xe9'\nprint(ghost)\n")
-    with pytest.raises(UnicodeDecodeError):
-        editor._pyflakes_errors(str(path))
