@@ -191,21 +191,16 @@ def test_block_edits_racing_a_directory_exchange_never_write_outside(layout):
 
 
 WITHOUT_OPENAT2 = """
-import ctypes, errno, sys
+import ctypes, errno, struct, sys
 import pytest
-
-class Step(ctypes.Structure):
-    _fields_ = [("code", ctypes.c_ushort), ("jt", ctypes.c_ubyte), ("jf", ctypes.c_ubyte), ("k", ctypes.c_uint)]
-
-class Program(ctypes.Structure):
-    _fields_ = [("len", ctypes.c_ushort), ("filter", ctypes.POINTER(Step))]
 
 OPENAT2, refusal = 437, getattr(errno, sys.argv[1])
 # seccomp: load the system call number; openat2 returns the refusal, anything else is allowed.
-steps = (Step * 4)(Step(0x20, 0, 0, 0), Step(0x15, 0, 1, OPENAT2), Step(0x06, 0, 0, 0x50000 | refusal),
-                   Step(0x06, 0, 0, 0x7FFF0000))
+steps = ctypes.create_string_buffer(struct.pack("HBBI" * 4, 0x20, 0, 0, 0, 0x15, 0, 1, OPENAT2,
+                                                0x06, 0, 0, 0x50000 | refusal, 0x06, 0, 0, 0x7FFF0000))
+program = ctypes.create_string_buffer(struct.pack("HP", 4, ctypes.addressof(steps)))
 libc = ctypes.CDLL(None, use_errno=True)
-if libc.prctl(38, 1, 0, 0, 0) or libc.prctl(22, 2, ctypes.byref(Program(4, steps)), 0, 0):
+if libc.prctl(38, 1, 0, 0, 0) or libc.prctl(22, 2, program, 0, 0):  # no new privileges; seccomp filter
     raise OSError(ctypes.get_errno(), "installing the seccomp filter")
 assert libc.syscall(OPENAT2, -100, b".", None, 0) == -1 and ctypes.get_errno() == refusal
 sys.exit(pytest.main(["-q", "-p", "no:cacheprovider", "-m", "not heavy", *sys.argv[2:]]))

@@ -100,6 +100,8 @@ def test_hanging_compiler_is_killed_and_the_current_text_stays(tmp_path, monkeyp
     assert tree_texts(tmp_path) == before
 
 
+# Rolling back onto ground that refuses a change is test_records_snapshots.py's (a refusal and a raise
+# part-way down the stack): the same paths as a read-only file or directory.
 @pytest.mark.parametrize("blocked_by", ["a file", "a read-only directory", "a read-only ledger"])
 def test_records_that_cannot_be_written_raise_and_keep_their_steps(tmp_path, monkeypatch, blocked_by):
     project, holder = str(tmp_path / "project"), tmp_path / "holder"
@@ -122,26 +124,3 @@ def test_records_that_cannot_be_written_raise_and_keep_their_steps(tmp_path, mon
             with pytest.raises(PermissionError if steps else OSError):
                 call()
         assert tree_digest(tmp_path) == digest
-
-
-@pytest.mark.parametrize("locked", ["a file to write back", "a created file to delete"])
-def test_rollback_onto_read_only_ground_stops_at_that_record(tmp_path, locked):
-    first, last = tmp_path / "first.txt", tmp_path / "last.txt"
-    target = tmp_path / "locked" / ("edited.txt" if locked == "a file to write back" else "created.txt")
-    target.parent.mkdir()
-    for path in (first, last) + ((target,) if locked == "a file to write back" else ()):
-        path.write_text(f"{path.name} before\n")
-    stack = [editor.take_snapshot({"ir": n}, str(path)) for n, path in enumerate((first, target, last), 1)]
-    for path in (first, target, last):
-        path.write_text(f"{path.name} after\n")
-    with immutable(target if locked == "a file to write back" else target.parent):
-        before = tree_texts(tmp_path)
-        if locked == "a file to write back":
-            with pytest.raises(PermissionError):
-                editor.rollback_steps(stack, 3)
-        else:
-            assert editor.rollback_steps(stack, 3) == {
-                "error": f"could not delete {target}: [Errno 1] Operation not permitted: '{target}'"}
-    # The newest step was undone and the failing one consumed; the oldest was not reached.
-    assert [record["raw"] for record in stack] == [{"ir": 1}]
-    assert tree_texts(tmp_path) == {**before, "last.txt": "last.txt before\n"}

@@ -91,9 +91,7 @@ class OddLower(str):
     ("call", "error"),
     [
         (lambda: editor._within_root("/r", "/r/a\0b"), ValueError),
-        (lambda: editor.resolve_target("/r", "a\0b.py", []), ValueError),
         (lambda: editor._within_root(b"/r", b"/r/a"), TypeError),
-        (lambda: editor._within_root(None, "/r"), TypeError),
         (lambda: editor.resolve_target("/r", 3, []), AttributeError),
         (lambda: editor.resolve_target("/r", "a.py", ["a.py", 7]), AttributeError),
         (lambda: editor.resolve_target("/r", "a.py", None), TypeError),
