@@ -30,7 +30,8 @@ def edits(draw):
     if text:
         low = draw(st.integers(0, len(text) - 1))
         anchor = st.one_of(anchor, st.just(text[low:draw(st.integers(low + 1, len(text)))]))
-    return raw, start, end, draw(documents), draw(st.sampled_from(["replace", "insert_before", "insert_after"])), draw(anchor)
+    mode = draw(st.sampled_from(["replace", "insert_before", "insert_after"]))
+    return raw, start, end, draw(documents), mode, draw(anchor)
 
 
 def check_edit(raw, start, end, content, mode, anchor):

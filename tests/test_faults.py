@@ -14,60 +14,38 @@ import projstore
 from helpers import immutable, repository, script, tree_digest, tree_texts, write
 
 
-@pytest.mark.parametrize(("operation", "locked"), [("apply_block", "locked/f.txt"), ("create_file", "locked")])
-def test_what_refuses_a_write_raises_the_hosts_permission_error(project, checker, operation, locked):
+@pytest.mark.parametrize(("operation", "locked"), [("apply_block", "f.txt"), ("create_file", ""), ("delete_file", "")])
+def test_what_refuses_a_change_is_reported_with_the_hosts_error(project, checker, operation, locked):
+    # An edit of a file in a read-only directory succeeds: the identity test shows it is written in place.
     (project / "locked").mkdir()
     (project / "locked" / "f.txt").write_text("a\nb\n")
-    target = project / "locked" / ("f.txt" if operation == "apply_block" else "new.py")
-    with immutable(project / locked):
+    target = project / "locked" / ("new.py" if operation == "create_file" else "f.txt")
+    args = {"apply_block": (2, None, "B"), "create_file": ("B",), "delete_file": ()}[operation]
+    with immutable(project / "locked" / locked):
         digest = tree_digest(project.parent)
-        with pytest.raises(PermissionError) as caught:
-            getattr(editor, operation)(str(project), str(target), *((2, None) if operation == "apply_block" else ()), "B")
+        if operation == "delete_file":
+            assert editor.delete_file(str(project), str(target)) == {
+                "error": f"could not delete {target}: [Errno 1] Operation not permitted: '{target}'"}
+        else:
+            with pytest.raises(PermissionError) as caught:
+                getattr(editor, operation)(str(project), str(target), *args)
+            assert caught.value.filename == str(target)
         assert tree_digest(project.parent) == digest and checker == []
-    assert caught.value.filename == str(target)
 
 
-def test_read_only_directory_keeps_its_files_and_a_deletion_is_refused(project, checker):
-    (project / "locked").mkdir()
-    target = project / "locked" / "f.txt"
-    target.write_text("a\nb\n")
-    with immutable(project / "locked"):
-        # The edit rewrites the file in place: the directory's entries are not touched.
-        assert editor.apply_block(str(project), str(target), 2, None, "B") == {"replaced": ["b"], "at": 2, "syntax": "ok"}
-        assert target.read_text() == "a\nB\n" and os.listdir(project / "locked") == ["f.txt"]
-        digest = tree_digest(project.parent)
-        refusal = editor.delete_file(str(project), str(target))
-        assert refusal == {"error": f"could not delete {target}: [Errno 1] Operation not permitted: '{target}'"}
-        assert tree_digest(project.parent) == digest
-
-
-@pytest.mark.parametrize(
-    ("call", "expected"),
-    [
-        (lambda root, path: editor.apply_block(root, path, 1, None, "y = 2\n"), IsADirectoryError),
-        (lambda root, path: editor.create_file(root, path, "y = 2\n"), {"error": "{path} already exists -- use edit_lines to change it"}),
-        (lambda root, path: editor.syntax_check(path, before_text="x = 1\n"), None),
-        (lambda root, path: editor.commit_time_check({path: "x = 1\n"}), []),
-        (lambda root, path: editor.delete_file(root, path), {"deleted": "{path}", "was": "directory"}),
-    ],
-)
-def test_target_replaced_by_a_directory_between_calls(project, call, expected):
+# Edits, creation and deletion of a directory are the edit tests' own cases.
+@pytest.mark.parametrize(("check", "expected"), [
+    (lambda path: editor.syntax_check(path, before_text="x = 1\n"), None),
+    (lambda path: editor.commit_time_check({path: "x = 1\n"}), []),
+])
+def test_checks_of_a_file_that_became_a_directory_find_nothing(project, check, expected):
     target = project / "f.py"
     assert editor.create_file(str(project), str(target), "x = 1\n") == {"created": str(target), "syntax": "ok"}
     target.unlink()
     target.mkdir()
     (target / "inner.txt").write_text("keep\n")
     digest = tree_digest(project.parent)
-    if isinstance(expected, type):
-        with pytest.raises(expected):
-            call(str(project), str(target))
-    else:
-        expected = {k: v.format(path=target) for k, v in expected.items()} if isinstance(expected, dict) else expected
-        assert call(str(project), str(target)) == expected
-    if "was" in str(expected):
-        assert os.listdir(project) == []
-    else:
-        assert tree_digest(project.parent) == digest
+    assert check(str(target)) == expected and tree_digest(project.parent) == digest
 
 
 HANGING_CC = """\
@@ -86,9 +64,10 @@ def test_hanging_compiler_is_killed_and_the_current_text_stays(tmp_path, monkeyp
     monkeypatch.setenv("PATH", str(tmp_path / "bin"))
     # The host's own run, with the limit cut short so the suite stays quick.
     run = lambda *args, **kwargs: subprocess.run(*args, **{**kwargs, "timeout": 0.5})  # noqa: E731
-    monkeypatch.setattr(editor, "subprocess", types.SimpleNamespace(run=run, SubprocessError=subprocess.SubprocessError))
-    current, earlier = "int a = ghost;\n", "int a;\n"
-    current, earlier = (current + "/* HANG */", earlier) if hangs_on == "current text" else (current, earlier + "/* HANG */")
+    monkeypatch.setattr(
+        editor, "subprocess", types.SimpleNamespace(run=run, SubprocessError=subprocess.SubprocessError))
+    current = "int a = ghost; /* HANG */\n" if hangs_on == "current text" else "int a = ghost;\n"
+    earlier = "int a; /* HANG */\n" if hangs_on == "earlier text" else "int a;\n"
     source = write(root / "src" / "m.c", current)
     before = tree_texts(tmp_path)
     # A run that does not finish in time cannot be judged: no finding, never a blocked change.

@@ -59,7 +59,8 @@ def ambiguous(path_str, count, candidates):
         ("in_link/new.py", [], "in_link/new.py"),  # a link inside the root is returned as written
         ("mod.py", ["/elsewhere//pkg/./mod.py"], "/elsewhere/pkg/mod.py"),  # even outside the root
         ("app.py", ["app.py", "sub/app.py"], ambiguous("app.py", 2, ["app.py", "sub/app.py"])),
-        ("util.py", [f"d{i}/util.py" for i in range(12)], ambiguous("util.py", 12, [f"d{i}/util.py" for i in range(8)])),
+        ("util.py", [f"d{i}/util.py" for i in range(12)],
+         ambiguous("util.py", 12, [f"d{i}/util.py" for i in range(8)])),
         ("A.py", ["x/a.py", "other.py", "y/A.PY"], ambiguous("A.py", 2, ["x/a.py", "y/A.PY"])),
         ("../elsewhere.py", ["src/app.py"], outside("../elsewhere.py")),
         ("/etc/passwd", [], outside("/etc/passwd")),

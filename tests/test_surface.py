@@ -35,7 +35,8 @@ def test_signature_matches_the_stub(name):
 @pytest.mark.parametrize(
     ("function", "args", "kwargs", "message"),
     [
-        ("resolve_target", (), {}, "{}() missing 3 required positional arguments: 'root', 'path_str', and 'known_paths'"),
+        ("resolve_target", (), {},
+         "{}() missing 3 required positional arguments: 'root', 'path_str', and 'known_paths'"),
         ("resolve_target", ("/r",), {}, "{}() missing 2 required positional arguments: 'path_str' and 'known_paths'"),
         ("_within_root", ("/r",), {}, "{}() missing 1 required positional argument: 'path'"),
         ("_within_root", ("/r", "/r", "/x"), {}, "{}() takes 2 positional arguments but 3 were given"),
@@ -44,7 +45,8 @@ def test_signature_matches_the_stub(name):
         ("_within_root", ("/r",), {"root": "/r"}, "{}() got multiple values for argument 'root'"),
         ("apply_block", ("/r", Path("/"), 1, None, "X"), {}, "{}() argument 'abs_path' must be str, not PosixPath"),
         ("apply_block", ("/r", "/r/f", 1, None, None), {}, "{}() argument 'content' must be str, not None"),
-        ("apply_block", ("/r", "/r/f", 1, None, "X"), {"anchor": b"b"}, "{}() argument 'anchor' must be str or None, not bytes"),
+        ("apply_block", ("/r", "/r/f", 1, None, "X"), {"anchor": b"b"},
+         "{}() argument 'anchor' must be str or None, not bytes"),
     ],
 )
 def test_call_errors_read_like_a_python_def(function, args, kwargs, message):
