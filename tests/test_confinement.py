@@ -168,24 +168,23 @@ def test_block_edits_racing_a_directory_exchange_never_write_outside(layout):
     rounds = int(os.environ.get("EDITOR_RACE_ROUNDS", "2000"))
     os.symlink(layout.parent / "outside", layout / "link")
     outside = layout.parent / "outside" / "b.txt"
-    swapper = subprocess.Popen([sys.executable, "-c", SWAPPER, str(layout / "sub"), str(layout / "link"), "300"],
-                               stdout=subprocess.PIPE, text=True)
     landed_outside = refused = failed_at_the_write = 0
-    try:
-        assert swapper.stdout.readline() == "ready\n"
-        for n in range(rounds):
-            try:
-                receipt = editor.apply_block(str(layout), str(layout / "sub" / "b.txt"), 1, None, f"round {n}\n")
-                refused += "error" in receipt
-            except OSError:
-                failed_at_the_write += 1
-            if outside.read_bytes() != OUTSIDE_TEXT:
-                landed_outside += 1
-                outside.write_bytes(OUTSIDE_TEXT)
-        assert swapper.poll() is None, "the swapping process stopped early"
-    finally:
-        swapper.kill()
-        swapper.wait(timeout=10)
+    with subprocess.Popen([sys.executable, "-c", SWAPPER, str(layout / "sub"), str(layout / "link"), "300"],
+                          stdout=subprocess.PIPE, text=True) as swapper:
+        try:
+            assert swapper.stdout.readline() == "ready\n"
+            for n in range(rounds):
+                try:
+                    receipt = editor.apply_block(str(layout), str(layout / "sub" / "b.txt"), 1, None, f"round {n}\n")
+                    refused += "error" in receipt
+                except OSError:
+                    failed_at_the_write += 1
+                if outside.read_bytes() != OUTSIDE_TEXT:
+                    landed_outside += 1
+                    outside.write_bytes(OUTSIDE_TEXT)
+            assert swapper.poll() is None, "the swapping process stopped early"
+        finally:
+            swapper.kill()
     # Calls that passed every check and then met the link are the race itself: it must have run.
     assert landed_outside == 0 and failed_at_the_write > 0, (landed_outside, refused, failed_at_the_write, rounds)
 
