@@ -51,10 +51,12 @@ def check_edit(raw, start, end, content, mode, anchor):
         last = first + anchor.count("\n", 0, len(anchor) - 1)
         start, end = (last, end) if mode == "insert_after" else (first, last if mode == "replace" else end)
     stop = start if end is None or mode != "replace" else end
-    if found != 1 or start is None or not 1 <= start <= len(lines) + (mode == "insert_before") or not (
-            start <= stop <= len(lines)) and mode == "replace":
+    in_range = start is not None and 1 <= start <= len(lines) + (mode == "insert_before") and (
+        mode != "replace" or start <= stop <= len(lines))
+    if found != 1 or not in_range:  # the refusals' texts are test_edits_block.py's
         assert "error" in receipt and written == raw, receipt
         return
+    # The block goes between lines[:cut] and lines[resume:]; both stay byte for byte.
     cut = start - (mode != "insert_after")
     resume = stop if mode == "replace" else cut
     block = content + "\n" * (content != "" and not content.endswith("\n"))
