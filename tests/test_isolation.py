@@ -94,13 +94,12 @@ CONCURRENT = """
     first.close()
     import editor
     original, failures = editor._within_root, []
+    threading.excepthook = lambda hook: failures.append(hook.exc_value)
 
     def run(root):
         interp = interpreters.create()
         try:
             interp.exec(PATH + f"root = {root!r}\\n" + ROAD)
-        except Exception as error:
-            failures.append(error)
         finally:
             interp.close()
 
