@@ -14,152 +14,94 @@ from helpers import tree_digest, tree_texts
 from mcp_client import CALL_TIMEOUT, ROOT, checkout_command, checkout_env, connect
 
 pytestmark = pytest.mark.heavy
-
-TOOLS = {"read", "edit", "create", "delete", "rollback", "redo", "check", "diff", "ledger", "status"}
 MODELS = "inventory/models.py"
 
 
 @pytest.fixture
 def setting(tmp_path):
     """(project copy, state directory, stderr file of the servers)."""
-    project = tmp_path / "proj"
-    shutil.copytree(ROOT / "demo" / "sample_project", project)
-    state = tmp_path / "state"
-    state.mkdir()
-    return project, state, tmp_path / "server-stderr.txt"
+    shutil.copytree(ROOT / "demo" / "sample_project", tmp_path / "proj")
+    (tmp_path / "state").mkdir()
+    return tmp_path / "proj", tmp_path / "state", tmp_path / "server-stderr.txt"
 
 
 def drive(setting, scenario, command=None):
-    """Runs `scenario(client)` against a fresh server on the project, bounded in time."""
+    """Runs `scenario(call, client)` against a fresh server on the project, bounded in time."""
     project, state, errors = setting
 
     async def run():
         with anyio.fail_after(4 * CALL_TIMEOUT), open(errors, "a") as errlog:
             async with connect(command or checkout_command(project), state, errlog, checkout_env()) as client:
-                return await scenario(client)
+                async def call(name, **arguments):
+                    return await client.call_tool(name, arguments)
+                return await scenario(call, client)
     return anyio.run(run)
 
 
-def succeeded(result):
+def ok(result):
     assert not result.is_error, result.content[0].text
     return result.structured_content
 
 
-def test_tools_their_schemas_and_the_instructions(setting):
-    async def scenario(client):
-        return (await client.list_tools()).tools, (await client.initialize()).instructions
-
-    listed, instructions = drive(setting, scenario)
-    tools = {tool.name: tool for tool in listed}
-    assert TOOLS <= set(tools)
-    for tool in tools.values():
-        assert tool.description and all(spec.get("description") for spec in tool.input_schema["properties"].values())
-    edit = tools["edit"].input_schema
-    assert edit["required"] == ["path"]
-    assert edit["properties"]["mode"]["enum"] == ["replace", "insert_before", "insert_after"]
-    assert {"type": "integer"} in edit["properties"]["start_line"]["anyOf"]
-    steps = tools["rollback"].input_schema["properties"]["steps"]
-    assert (steps["type"], steps["minimum"]) == ("integer", 1)
-    assert tools["check"].input_schema["properties"] == {}
-    assert 0 < len(instructions.splitlines()) <= 5
-
-
-def test_read_edit_stale_break_rollback_create_diff_delete_redo(setting):
-    project, _, _ = setting
-    original = tree_texts(project)
-
-    async def scenario(client):
-        read = succeeded(await client.call_tool("read", {"path": MODELS, "start": 3, "end": 3}))
-        fixed = succeeded(await client.call_tool("edit", {"path": MODELS, "start_line": 3, "tag": read["tag"],
-                                                          "content": "MAX_ITEMS = 800\n"}))
-        stale = await client.call_tool("edit", {"path": MODELS, "start_line": 3, "tag": read["tag"],
-                                                "content": "MAX_ITEMS = 900\n"})
-        broken = succeeded(await client.call_tool("edit", {"path": MODELS, "anchor": "class Item:\n",
-                                                           "content": "class Item(:\n"}))
-        undone = succeeded(await client.call_tool("rollback", {"steps": 1}))
-        created = succeeded(await client.call_tool("create", {"path": "inventory/extra.py", "content": "X = 1\n"}))
-        diff = succeeded(await client.call_tool("diff", {"form": "patch"}))
-        deleted = succeeded(await client.call_tool("delete", {"path": MODELS}))
-        succeeded(await client.call_tool("rollback", {"steps": 1}))
-        succeeded(await client.call_tool("redo", {"steps": 1}))
-        succeeded(await client.call_tool("rollback", {"steps": 2}))
-        return read, fixed, stale, broken, diff, deleted
-
-    read, fixed, stale, broken, diff, deleted = drive(setting, scenario)
-    assert read["text"] == "3\tMAX_ITEMS = 500" and fixed["replaced"] == ["MAX_ITEMS = 500"]
-    assert fixed["syntax"] == "ok" and fixed["tag"] != read["tag"]
-    assert stale.is_error and stale.structured_content["lines"] == "3\tMAX_ITEMS = 800"
-    assert broken["syntax"] not in ("ok", None) and deleted["deleted"] == MODELS
-    assert "+MAX_ITEMS = 800" in diff["diff"] and "--- /dev/null\n+++ b/inventory/extra.py" in diff["diff"]
-    assert tree_texts(project) == {**original, MODELS: original[MODELS].replace("500", "800", 1)}
-
-
-def test_refusal_is_a_tool_result_and_changes_nothing(setting):
-    project, _, _ = setting
-    before = tree_digest(project)
-
-    async def scenario(client):
-        return await client.call_tool("edit", {"path": MODELS, "start_line": 999, "content": "x\n"})
-
-    refused = drive(setting, scenario)
-    assert refused.is_error and refused.content[0].text == refused.structured_content["error"]
-    assert tree_digest(project) == before
-
-
-def test_malformed_calls_are_tool_errors_and_the_server_keeps_serving(setting):
+def test_a_conversation_through_every_tool(setting):
     project, _, errors = setting
-    before = tree_digest(project)
+    original = tree_texts(project)
     malformed = [("edit", {"path": MODELS, "start_line": "third"}), ("edit", {"start_line": 1}),
                  ("edit", {"path": MODELS, "start_line": 1, "mode": "sideways"}),
+                 ("edit", {"path": MODELS, "start_line": 999, "content": "x\n"}),
                  ("rollback", {"steps": 0}), ("rollback", {"steps": [1]}), ("no_such_tool", {}),
                  ("edit", {"path": MODELS, "blocks": [{"start_line": "one"}]}), ("read", {"path": MODELS, "start": 0}),
                  ("redo", {"steps": 1}), ("diff", {"form": "git"})]
 
-    async def scenario(client):
-        answers = [await client.call_tool(name, arguments) for name, arguments in malformed]
-        return answers, await client.call_tool("ledger", {})
-
-    answers, ledger = drive(setting, scenario)
-    for (name, _), answer in zip(malformed, answers):
-        assert answer.is_error and len(answer.content[0].text.splitlines()) == 1, (name, answer.content)
-    succeeded(ledger)
-    assert tree_digest(project) == before
-    assert "Traceback" not in errors.read_text()
-
-
-def test_check_reports_progress_and_a_cancelled_check_leaves_the_files(setting):
-    project, _, _ = setting
-    touched = ["inventory/models.py", "inventory/pricing.py", "inventory/report.py", "inventory/util.py"]
-
-    async def scenario(client):
-        for rel in touched:
-            succeeded(await client.call_tool("edit", {"path": rel, "start_line": 1, "mode": "insert_before",
-                                                      "content": "print(undefined_in_check)\n"}))
-        edited = tree_texts(project)
-        seen = []
+    async def scenario(call, client):
+        r = {"tools": {tool.name for tool in (await client.list_tools()).tools}, "before": tree_digest(project)}
+        r["malformed"] = [await call(name, **arguments) for name, arguments in malformed]
+        r["after"] = tree_digest(project)
+        r["read"] = ok(await call("read", path=MODELS, start=3, end=3))
+        r["fixed"] = ok(await call("edit", path=MODELS, start_line=3, tag=r["read"]["tag"], content="MAX_ITEMS = 800\n"))
+        r["stale"] = await call("edit", path=MODELS, start_line=3, tag=r["read"]["tag"], content="MAX_ITEMS = 9\n")
+        r["broken"] = ok(await call("edit", path=MODELS, anchor="class Item:\n", content="class Item(:\n"))
+        ok(await call("rollback", steps=1))
+        ok(await call("create", path="inventory/extra.py", content="print(undefined_in_check)\n"))
+        ok(await call("edit", path="inventory/util.py", start_line=1, mode="insert_before",
+                      content="print(undefined_in_check)\n"))
+        r["edited"], r["seen"] = tree_texts(project), []
 
         async def progress(done, total, message):
-            seen.append((done, total, message))
-
-        report = succeeded(await client.call_tool("check", {}, progress_callback=progress))
+            r["seen"].append((done, total, message))
+        r["report"] = ok(await client.call_tool("check", {}, progress_callback=progress))
         with anyio.fail_after(CALL_TIMEOUT):  # notifications are delivered beside the result
-            while len(seen) < len(touched):
+            while len(r["seen"]) < 3:
                 await anyio.sleep(0.01)
         with anyio.move_on_after(CALL_TIMEOUT) as scope:
             async def cancel_at_first(done, total, message):
                 scope.cancel()
             await client.call_tool("check", {}, progress_callback=cancel_at_first)
         # Calls run one at a time: this one waits for the cancelled check to finish restoring.
-        status = await client.call_tool("status", {})
-        return seen, report, scope.cancelled_caught, edited, tree_texts(project), status
+        ok(await call("status"))
+        r["cancelled"], r["after_cancel"] = scope.cancelled_caught, tree_texts(project)
+        r["diff"] = ok(await call("diff", form="patch"))["diff"]
+        r["deleted"] = ok(await call("delete", path=MODELS))
+        ok(await call("rollback", steps=1))
+        ok(await call("redo", steps=1))
+        ok(await call("rollback", steps=3))
+        return r
 
-    seen, report, cancelled, edited, after_cancel, status = drive(setting, scenario)
-    assert sorted(message for _, _, message in seen) == touched
-    assert sorted(done for done, _, _ in seen) == list(range(1, len(touched) + 1))
-    assert {total for _, total, _ in seen} == {len(touched)}
-    assert "undefined_in_check" in str(report)
-    assert cancelled and after_cancel == edited
-    succeeded(status)
+    r = drive(setting, scenario)
+    assert {"read", "edit", "create", "delete", "rollback", "redo", "check", "diff", "ledger", "status"} <= r["tools"]
+    for (name, _), answer in zip(malformed, r["malformed"]):
+        assert answer.is_error and len(answer.content[0].text.splitlines()) == 1, (name, answer.content)
+    assert r["malformed"][3].content[0].text == r["malformed"][3].structured_content["error"]
+    assert r["after"] == r["before"] and "Traceback" not in errors.read_text()
+    assert r["read"]["text"] == "3\tMAX_ITEMS = 500" and r["fixed"]["replaced"] == ["MAX_ITEMS = 500"]
+    assert r["fixed"]["syntax"] == "ok" and r["fixed"]["tag"] != r["read"]["tag"]
+    assert r["stale"].is_error and r["stale"].structured_content["lines"] == "3\tMAX_ITEMS = 800"
+    assert r["broken"]["syntax"] not in ("ok", None) and r["deleted"]["deleted"] == MODELS
+    assert sorted(message for *_, message in r["seen"]) == ["inventory/extra.py", MODELS, "inventory/util.py"]
+    assert sorted((done, total) for done, total, _ in r["seen"]) == [(1, 3), (2, 3), (3, 3)]
+    assert "undefined_in_check" in str(r["report"]) and r["cancelled"] and r["after_cancel"] == r["edited"]
+    assert "+MAX_ITEMS = 800" in r["diff"] and "--- /dev/null\n+++ b/inventory/extra.py" in r["diff"]
+    assert tree_texts(project) == {**original, MODELS: original[MODELS].replace("500", "800", 1)}
 
 
 def test_killed_mid_edit_the_restarted_server_finds_the_session_intact(setting):
@@ -173,32 +115,27 @@ def test_killed_mid_edit_the_restarted_server_finds_the_session_intact(setting):
                 "sys.argv[0] = 'editor-mcp'; runpy.run_module('editor_session.server', run_name='__main__')",
                 str(pid_file), "--root", str(project)]
 
-    async def inspect(client):
+    async def inspect(call, client):
         big_now = (project / "big.txt").read_text()
-        ledger = succeeded(await client.call_tool("ledger", {}))
-        steps = sum(1 for entry in ledger["entries"] if not entry.get("rolled_back"))
-        succeeded(await client.call_tool("status", {}))
-        succeeded(await client.call_tool("rollback", {"steps": steps}))
+        steps = sum(1 for entry in ok(await call("ledger"))["entries"] if not entry.get("rolled_back"))
+        ok(await call("status"))
+        ok(await call("rollback", steps=steps))
         return big_now, steps
 
+    async def lost(call, *args, **kwargs):
+        with contextlib.suppress(Exception):  # the server dies under it: its answer is lost
+            await call(*args, **kwargs)
+
     for delay in (0.0, 0.05, 0.2):
-        async def killed_mid_edit(client):
-            succeeded(await client.call_tool("edit", {"path": MODELS, "start_line": 3, "content": "MAX_ITEMS = 9\n"}))
+        async def killed_mid_edit(call, client):
+            ok(await call("edit", path=MODELS, start_line=3, content="MAX_ITEMS = 9\n"))
             async with anyio.create_task_group() as calls:
-                calls.start_soon(_call_ignoring_loss, client, "edit", {"path": "big.txt", "start_line": 1,
-                                                                        "content": "value -1\n"})
+                calls.start_soon(lambda: lost(call, "edit", path="big.txt", start_line=1, content="value -1\n"))
                 await anyio.sleep(delay)
                 os.kill(int(pid_file.read_text()), signal.SIGKILL)
 
         with contextlib.suppress(Exception):
             drive(setting, killed_mid_edit, recorder)
         big_after, steps = drive(setting, inspect)
-        assert big_after in (big, big.replace("value 0\n", "value -1\n", 1))
-        assert steps in (1, 2)
+        assert big_after in (big, big.replace("value 0\n", "value -1\n", 1)) and steps in (1, 2)
         assert tree_texts(project) == original
-
-
-async def _call_ignoring_loss(client, name, arguments):
-    """A call whose server is killed under it: its answer is lost, which is the point."""
-    with contextlib.suppress(Exception):
-        await client.call_tool(name, arguments)

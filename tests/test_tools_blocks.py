@@ -8,26 +8,27 @@ from editor_session import blocks
 from helpers import tree_digest
 
 MODES = ["replace", "insert_before", "insert_after"]
-line_text = st.text("ab\x0c", max_size=3)
+
+
+def reach(spec):
+    return blocks.Block(0, spec["mode"], spec["start_line"], spec["end_line"], "").reach()
 
 
 @st.composite
 def edits(draw):
-    lines = [t + e for t, e in draw(st.lists(st.tuples(line_text, st.sampled_from(["\n", "\r\n", "\x0c"])),
-                                             max_size=8))]
+    pairs = draw(st.lists(st.tuples(st.text("ab\x0c", max_size=3), st.sampled_from(["\n", "\r\n", "\x0c"])), max_size=8))
+    lines = [text + end for text, end in pairs]
     if lines and draw(st.booleans()):
         lines[-1] = lines[-1].rstrip("\r\n\x0c") or "z"
-    n, specs, taken = len(lines), [], set()
+    n, specs = len(lines), []
     for _ in range(draw(st.integers(1, 4))):
         mode = draw(st.sampled_from(MODES if n else ["insert_before"]))
         start = draw(st.integers(1, n + 1 if mode == "insert_before" else n))
-        end = draw(st.integers(start, n)) if mode == "replace" else start
-        reach = blocks.Block(0, mode, start, end, "").reach()
-        if any(reach[0] <= hi and lo <= reach[1] for lo, hi in taken):
-            continue
-        taken.add(reach)
-        specs.append({"start_line": start, "end_line": end, "mode": mode,
-                      "content": draw(st.text("xy\n", max_size=4))})
+        spec = {"start_line": start, "end_line": draw(st.integers(start, n)) if mode == "replace" else start,
+                "mode": mode, "content": draw(st.text("xy\n", max_size=4))}
+        low, high = reach(spec)
+        if not any(low <= other_high and other_low <= high for other_low, other_high in map(reach, specs)):
+            specs.append(spec)
     return "".join(lines), specs
 
 
@@ -39,8 +40,7 @@ def test_blocks_give_what_the_module_gives_one_by_one_bottom_up(tmp_path_factory
     one, many = folder / "one.txt", folder / "many.txt"
     for path in (one, many):
         path.write_bytes(text.encode())
-    for spec in sorted(specs, key=lambda s: blocks.Block(0, s["mode"], s["start_line"], s["end_line"], "").reach(),
-                       reverse=True):
+    for spec in sorted(specs, key=reach, reverse=True):
         assert "error" not in editor.apply_block(str(folder), str(one), spec["start_line"], spec["end_line"],
                                                  spec["content"], spec["mode"])
     result = blocks.edit_blocks(str(folder), str(many), "many.txt", text.encode(), specs, ends=False)
@@ -59,24 +59,20 @@ def test_blocks_give_what_the_module_gives_one_by_one_bottom_up(tmp_path_factory
     ([{"start_line": 1}, {"anchor": "ine"}], "block 2: anchor occurs 3 times"),
     ([{"start_line": 1, "mode": "Replace"}], "block 1: unknown mode"),
     ([{"start_line": 4}], "block 1: start_line 4 is out of range"),
+    # A dry run refuses nothing, but writes nothing either.
+    ([{"start_line": 1, "content": "a = (1"}, {"start_line": 2, "content": "b = 3"}], None),
 ])
-def test_refusals_name_the_blocks_and_write_nothing(tmp_path, specs, message):
+def test_refusals_and_dry_runs_write_nothing(tmp_path, specs, message):
     path = tmp_path / "f.py"
-    path.write_bytes(b"line 1\r\nline 2\r\nline 3\r\n")
+    path.write_bytes(b"line1 = 1\r\nline2 = 2\r\nline3 = 3\r\n")
     before = tree_digest(tmp_path)
-    result = blocks.edit_blocks(str(tmp_path), str(path), "f.py", path.read_bytes(), specs)
-    assert message in result["error"]
+    result = blocks.edit_blocks(str(tmp_path), str(path), "src/f.py", path.read_bytes(), specs, dry_run=not message)
+    if message:
+        assert message in result["error"]
+    else:
+        assert result["syntax"].startswith("SyntaxError: ") and "+b = 3" in result["diff"]
+        assert "--- a/src/f.py\n+++ b/src/f.py" in result["diff"]
     assert tree_digest(tmp_path) == before
-
-
-def test_a_dry_run_shows_the_diff_and_verdict_and_writes_nothing(tmp_path):
-    path = tmp_path / "m.py"
-    path.write_text("a = 1\nb = 2\n")
-    before = tree_digest(tmp_path)
-    specs = [{"start_line": 1, "content": "a = (1"}, {"start_line": 2, "content": "b = 3"}]
-    result = blocks.edit_blocks(str(tmp_path), str(path), "src/m.py", path.read_bytes(), specs, dry_run=True)
-    assert result["syntax"].startswith("SyntaxError: ") and "--- a/src/m.py\n+++ b/src/m.py" in result["diff"]
-    assert "+b = 3" in result["diff"] and tree_digest(tmp_path) == before
 
 
 def test_fifty_blocks_take_one_syntax_check(tmp_path, checker):

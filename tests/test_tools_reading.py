@@ -13,32 +13,24 @@ from editor_session import reading
     (b"\xef\xbb\xbfimport os\n", 1, "import os"),  # the BOM is not text of line 1
 ])
 def test_read_numbers_lines_as_the_module_edits_them(tmp_path, checker, raw, line, shown):
-    path = tmp_path / "f.txt"
-    path.write_bytes(raw)
-    result = reading.read(raw, line, line)
-    assert result["text"] == f"{line}\t{shown}"
-    receipt = editor.apply_block(str(tmp_path), str(path), line, None, "new\n")
+    (tmp_path / "f.txt").write_bytes(raw)
+    assert reading.read(raw, line, line)["text"] == f"{line}\t{shown}"
+    receipt = editor.apply_block(str(tmp_path), str(tmp_path / "f.txt"), line, None, "new\n")
     assert receipt["replaced"][0].removeprefix("\ufeff").rstrip("\x0c\u2028") == shown
 
 
-def test_large_ranges_are_capped_with_a_way_on():
+def test_large_ranges_are_capped_with_a_way_on_and_tags_follow_the_bytes():
     data = "".join(f"l{i}\n" for i in range(1, 2501)).encode()
     result = reading.read(data, 2)
     assert (result["end"], result["line_count"]) == (2001, 2500)
     assert "start=2002" in result["note"] and result["text"].endswith("2001\tl2001")
-    assert "note" not in reading.read(data, 2001)
+    assert "note" not in reading.read(data, 2001) and reading.read(b"", 1)["line_count"] == 0
+    assert reading.tag_of(b"a\r\nb\r\n") != reading.tag_of(b"a\nb\n")
 
 
 @pytest.mark.parametrize("start, end", [(0, None), (4, None), (2, 1), ("1", None)])
 def test_out_of_range_reads_are_refused(start, end):
     assert "error" in reading.read(b"a\nb\nc\n", start, end)
-
-
-def test_tags_follow_the_bytes():
-    crlf, lf = b"a\r\nb\r\n", b"a\nb\n"
-    assert reading.tag_of(crlf) != reading.tag_of(lf)
-    assert reading.tag_form_error(reading.tag_of(crlf)) is None
-    assert reading.read(b"", 1)["line_count"] == 0
 
 
 @pytest.mark.parametrize("tag", ["", "abc", "ABCDEF012345", "0123456789abc", 12, None])
@@ -56,9 +48,3 @@ def test_what_is_not_text_is_refused_in_one_line(tmp_path, make, reason):
     make(tmp_path / "x")
     refusal = reading.load(str(tmp_path / "x"), "x")
     assert reason in refusal["error"] and "\n" not in refusal["error"]
-
-
-def test_a_stale_tag_refusal_shows_the_current_lines():
-    data = b"one\ntwo\nthree\n"
-    refusal = reading.stale_refusal("f.txt", data, "0" * 12, [(2, 3)])
-    assert refusal["tag"] == reading.tag_of(data) and refusal["lines"] == "2\ttwo\n3\tthree"

@@ -1,4 +1,6 @@
-"""The tools wired into the session: tags, blocks, kept line ends through rollback, read, diff."""
+"""The tools wired into the session: tags, blocks, kept line ends through rollback, delete, redo."""
+
+from contextlib import closing
 
 import pytest
 from helpers import tree_digest
@@ -7,17 +9,24 @@ import editor
 from editor_session.session import Session
 
 
-@pytest.fixture(autouse=True)
-def state_home(tmp_path, monkeypatch):
-    monkeypatch.setenv("EDITOR_STATE_HOME", str(tmp_path / "state"))
-
-
 @pytest.fixture
-def proj(project):
+def proj(project, tmp_path, monkeypatch):
+    monkeypatch.setenv("EDITOR_STATE_HOME", str(tmp_path / "state"))
     (project / "m.py").write_bytes(b"a = 1\r\nb = 2\r\nc = 3\r\n")
     (project / "src").mkdir()
     (project / "src" / "n.py").write_text("x = 1\n")
     return project
+
+
+@pytest.fixture
+def s(proj):
+    with closing(Session.open(str(proj))) as session:
+        yield session
+
+
+def tree_bytes(root):
+    return {str(p.relative_to(root)): p.read_bytes() if p.is_file() else None
+            for p in sorted(root.rglob("*")) if ".git" not in p.parts}
 
 
 @pytest.mark.parametrize("call", [
@@ -29,76 +38,48 @@ def proj(project):
     lambda s: s.edit("src", 1, None, "x\n"),
     lambda s: s.read("src"),
 ])
-def test_refusals_and_dry_runs_write_nothing(proj, call):
-    s = Session.open(str(proj))
+def test_refusals_and_dry_runs_write_nothing(proj, s, call):
     before = tree_digest(proj)
     result = call(s)
     assert ("error" in result) != bool(result.get("dry_run"))
     assert tree_digest(proj) == before and s.status()["depth"] == 0
 
 
-def test_a_stale_tag_is_refused_with_the_current_lines_and_a_fresh_one_passes(proj):
-    s = Session.open(str(proj))
+def test_a_stale_tag_is_refused_with_the_current_lines_and_a_fresh_one_passes(proj, s):
     tag = s.read("m.py")["tag"]
     (proj / "m.py").write_bytes(b"a = 1\r\nB = 2\r\nc = 3\r\n")
-    refusal = s.edit("m.py", 2, None, "b = 9\n", tag=tag)
-    assert refusal["lines"] == "2\tB = 2" and refusal["tag"] != tag
-    receipt = s.edit("m.py", 2, None, "b = 9\n", tag=refusal["tag"])
-    assert receipt["replaced"] == ["B = 2"] and receipt["tag"] == s.read("m.py")["tag"]
+    refusal = s.edit("m.py", 2, 3, "b = 9\n", tag=tag)
+    assert refusal["lines"] == "2\tB = 2\n3\tc = 3" and refusal["tag"] != tag
+    receipt = s.edit("m.py", 2, 3, "b = 9\n", tag=refusal["tag"])
+    assert receipt["replaced"] == ["B = 2", "c = 3"] and receipt["tag"] == s.read("m.py")["tag"]
+    assert (proj / "m.py").read_bytes() == b"a = 1\r\nb = 9\r\n"
 
 
-@pytest.mark.parametrize("keep, after_edit", [
-    (True, b"a = 1\r\nb = 9\r\nc = 3\r\n"),
-    (False, b"a = 1\nb = 9\nc = 3\n"),
-])
-def test_line_ends_are_kept_through_edit_and_rollback(proj, keep, after_edit):
-    s = Session.open(str(proj), keep_line_ends=keep)
-    s.edit("m.py", 2, None, "b = 9\n")
-    assert (proj / "m.py").read_bytes() == after_edit
-    s.rollback(1)
-    assert (proj / "m.py").read_bytes() == (b"a = 1\r\nb = 2\r\nc = 3\r\n" if keep else b"a = 1\nb = 2\nc = 3\n")
-
-
-def test_a_multi_block_edit_is_one_step_undone_at_once(proj):
-    s = Session.open(str(proj))
-    result = s.edit("m.py", blocks=[{"start_line": 1, "content": "A = 1"}, {"anchor": "c = 3", "content": "C = 3"}])
-    assert [b["at"] for b in result["blocks"]] == [1, 3] and result["syntax"] == "ok"
-    assert (proj / "m.py").read_bytes() == b"A = 1\r\nb = 2\r\nC = 3\r\n"
-    assert len(editor.ledger_load(str(proj))) == 1 and s.status()["depth"] == 1
-    s.rollback(1)
-    assert (proj / "m.py").read_bytes() == b"a = 1\r\nb = 2\r\nc = 3\r\n"
-
-
-def test_diffs_name_files_by_their_project_paths(proj):
-    s = Session.open(str(proj))
-    s.edit("src/n.py", 1, None, "x = 2\n")
-    assert s.diff()["diff"].startswith("--- a/src/n.py\n+++ b/src/n.py\n")
-    assert s.diff("patch")["diff"].startswith("--- a/src/n.py\n+++ b/src/n.py\n")
-    assert "error" in s.diff("git")
-
-
-def tree_bytes(root):
-    return {str(p.relative_to(root)): p.read_bytes() if p.is_file() else None
-            for p in sorted(root.rglob("*")) if ".git" not in p.parts}
+@pytest.mark.parametrize("keep, ends", [(True, b"\r\n"), (False, b"\n")])
+def test_a_multi_block_edit_keeps_line_ends_and_is_one_step(proj, keep, ends):
+    with closing(Session.open(str(proj), keep_line_ends=keep)) as s:
+        result = s.edit("m.py", blocks=[{"start_line": 1, "content": "A = 1"}, {"anchor": "c = 3", "content": "C = 3"}])
+        assert [b["at"] for b in result["blocks"]] == [1, 3] and result["syntax"] == "ok"
+        assert (proj / "m.py").read_bytes() == ends.join([b"A = 1", b"b = 2", b"C = 3", b""])
+        assert len(editor.ledger_load(str(proj))) == 1 and s.status()["depth"] == 1
+        s.rollback(1)
+    assert (proj / "m.py").read_bytes() == ends.join([b"a = 1", b"b = 2", b"c = 3", b""])
 
 
 @pytest.mark.parametrize("target, was", [("m.py", "file"), ("src", "directory")])
-def test_a_delete_is_one_step_and_its_rollback_puts_every_byte_back(proj, target, was):
-    s = Session.open(str(proj))
+def test_a_delete_is_one_step_and_its_rollback_puts_every_byte_back(proj, s, target, was):
     before = tree_bytes(proj)
     s.edit("src/n.py", 1, None, "x = 2\n")
+    for form in ("unified", "patch"):
+        assert s.diff(form)["diff"].startswith("--- a/src/n.py\n+++ b/src/n.py\n")
     result = s.delete(target)
-    assert result["was"] == was and result["deleted"] == target and result["step"] == 2
-    assert not (proj / target).exists() and s.status()["depth"] == 2
-    entries = editor.ledger_load(str(proj))
-    assert [e["tool"] for e in entries] == ["edit", "delete"]
+    assert (result["deleted"], result["was"], result["step"], s.status()["depth"]) == (target, was, 2, 2)
+    assert not (proj / target).exists() and [e["tool"] for e in editor.ledger_load(str(proj))] == ["edit", "delete"]
     s.rollback(2)
-    assert tree_bytes(proj) == before
-    assert all(e.get("rolled_back") for e in editor.ledger_load(str(proj)))
+    assert tree_bytes(proj) == before and all(e.get("rolled_back") for e in editor.ledger_load(str(proj)))
 
 
-def test_redo_reapplies_undone_steps_in_order_until_the_files_change(proj):
-    s = Session.open(str(proj))
+def test_redo_reapplies_undone_steps_in_order_until_the_files_change(proj, s):
     s.edit("m.py", 1, None, "A = 1\n")
     s.delete("src")
     done = tree_bytes(proj)
@@ -115,23 +96,8 @@ def test_redo_reapplies_undone_steps_in_order_until_the_files_change(proj):
     assert "0 undone step(s)" in s.redo(1)["error"]
 
 
-def test_the_demo_shows_the_agent_tools(tmp_path):
-    import sys
-    from pathlib import Path
-    sys.path.insert(0, str(Path(__file__).resolve().parent.parent / "demo"))
-    import run as demo
-    root = demo.copy_sample(tmp_path)
-    r = demo.agent_tools(root)
-    assert "changed since tag" in r["stale"]["error"] and r["stale"]["tag"] != r["read"]["tag"]
-    assert len(r["blocks"]["blocks"]) == 2 and r["crlf_bytes"].count(b"\r\n") == 3
-    assert r["undelete"]["restored"] == ["tools/build.bat"] and r["redo"]["redone"][0]["tool"] == "delete"
-    assert [(f["path"], f["message"]) for f in r["created_check"]] == [
-        ("inventory/slugs.py", "undefined name 'titel'")]
-
-
 @pytest.mark.parametrize("cancel", [None, lambda: True])
-def test_the_check_judges_created_files_whole_keeps_bytes_and_stops_when_cancelled(proj, cancel):
-    s = Session.open(str(proj))
+def test_the_check_judges_created_files_whole_keeps_bytes_and_stops_when_cancelled(proj, s, cancel):
     s.edit("m.py", 2, None, "b = undefined_b\n")
     s.create("src/new.py", "print(titel)\n")
     before = tree_bytes(proj)
@@ -139,20 +105,23 @@ def test_the_check_judges_created_files_whole_keeps_bytes_and_stops_when_cancell
     assert tree_bytes(proj) == before
     if cancel:
         assert result["cancelled"] and result["findings"] == [] and len(result["skipped"]) == 2
-        return
-    assert [(f["path"], f["line"], f["analyser"]) for f in result["structured"]] == [
-        ("m.py", 2, "python"), ("src/new.py", 1, "python")]
-    assert "titel" in result["findings"][1] and "skipped" not in result
+    else:
+        assert [(f["path"], f["line"], f["message"]) for f in result["structured"]] == [
+            ("m.py", 2, "undefined name 'undefined_b'"), ("src/new.py", 1, "undefined name 'titel'")]
+
+
+CALLERS = [{"symbol": "lib.py::helper", "callers": ["app.py::main"], "caller_count": 1}]
 
 
 @pytest.mark.parametrize("call, expected", [
-    (lambda s: s.edit("lib.py", 1, 2, ""), [{"symbol": "lib.py::helper", "callers": ["app.py::main"], "caller_count": 1}]),
+    (lambda s: s.edit("lib.py", 1, 2, ""), CALLERS),
     (lambda s: s.edit("lib.py", 5, 6, ""), None),
-    (lambda s: s.delete("lib.py"), [{"symbol": "lib.py::helper", "callers": ["app.py::main"], "caller_count": 1}]),
+    (lambda s: s.delete("lib.py"), CALLERS),
     (lambda s: s.edit("lib.py", 1, 1, "def helper(x, y=0):"), None),
 ])
 def test_removing_what_other_files_call_reports_the_callers(proj, call, expected):
     (proj / "lib.py").write_text("def helper(x):\n    return x + 1\n\n\ndef unused():\n    return 2\n")
     (proj / "app.py").write_text("from lib import helper\n\n\ndef main():\n    return helper(3)\n")
-    result = call(Session.open(str(proj)))
+    with closing(Session.open(str(proj))) as s:
+        result = call(s)
     assert "step" in result and result.get("dangling") == expected

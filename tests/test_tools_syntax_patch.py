@@ -3,6 +3,7 @@
 import os
 import shutil
 import subprocess
+from contextlib import closing
 
 import pytest
 
@@ -11,22 +12,22 @@ from editor_session import git_hunks, patch, syntax
 from editor_session.session import Session
 
 
-@pytest.mark.parametrize("before, line, content, expected, before_key", [
-    ("x = (\ny = 1\n", 2, "y = 2", None, True),                     # broken before, edit elsewhere
-    ("x = 1\ny = 1\n", 2, "y = (", "SyntaxError: '(' was never closed (line 2)", False),
-    ("\ufeffx = 1\ny = 1\n", 2, "y = 2", "ok", False),               # a BOM is no breakage
-    ("\ufeffx = 1\ny = 1\n", 2, "y = (", "SyntaxError: '(' was never closed (line 2)", False),
+BROKEN = "SyntaxError: '(' was never closed (line 2)"
+
+
+@pytest.mark.parametrize("before, content, expected", [
+    ("x = (\ny = 1\n", "y = 2", "before"),                # broken before, edit elsewhere
+    ("x = 1\ny = 1\n", "y = (", BROKEN),
+    ("\ufeffx = 1\ny = 1\n", "y = 2", "ok"),             # a BOM is no breakage
+    ("\ufeffx = 1\ny = 1\n", "y = (", BROKEN),
 ])
-def test_syntax_blames_the_edit_only_for_its_own_breakage(tmp_path, before, line, content, expected, before_key):
+def test_syntax_blames_the_edit_only_for_its_own_breakage(tmp_path, before, content, expected):
     path = tmp_path / "m.py"
     path.write_text(before, encoding="utf-8")
-    receipt = editor.apply_block(str(tmp_path), str(path), line, None, content)
+    receipt = editor.apply_block(str(tmp_path), str(path), 2, None, content)
     assert receipt["syntax"] != "ok"  # what the module alone says
     result = syntax.honest(receipt["syntax"], str(path), lambda: before)
-    if before_key:
-        assert result == {"syntax": "ok", "syntax_before": receipt["syntax"]}
-    else:
-        assert result == {"syntax": expected}
+    assert result == ({"syntax": "ok", "syntax_before": receipt["syntax"]} if expected == "before" else {"syntax": expected})
 
 
 def test_paths_under_the_root_become_relative(tmp_path):
@@ -36,7 +37,6 @@ def test_paths_under_the_root_become_relative(tmp_path):
 
 
 def _git_applies(patch_text: str, copy, root, tmp_path) -> None:
-    """Applies `patch_text` with git in `copy` and checks it now holds `root`'s files byte for byte."""
     subprocess.run(["git", "init", "-q", str(copy)], check=True)
     (tmp_path / "p.diff").write_bytes(patch_text.encode("utf-8"))
     subprocess.run(["git", "apply", str(tmp_path / "p.diff")], cwd=copy, check=True)
@@ -55,12 +55,12 @@ def test_the_patch_form_is_what_git_applies(tmp_path):
         (root / rel).parent.mkdir(parents=True, exist_ok=True)
         (root / rel).write_text(text)
     shutil.copytree(root, copy)
-    touched = {str(root / rel): text for rel, text in files.items()} | {str(root / "new/made.txt"): None}
     (root / "src/keep.py").write_text("a\nB\nc")                  # no final newline, kept
     (root / "doc/edit.md").write_text("one\ntwo\nthree\nfour")    # final newline dropped
     (root / "src/gone.txt").unlink()
     (root / "new").mkdir()
     (root / "new/made.txt").write_text("fresh\n")
+    touched = {str(root / rel): text for rel, text in files.items()} | {str(root / "new/made.txt"): None}
     text = patch.patch(str(root), touched, [])
     assert "--- /dev/null\n+++ b/new/made.txt" in text and "--- a/src/gone.txt\n+++ /dev/null" in text
     _git_applies(text, copy, root, tmp_path)
@@ -86,10 +86,10 @@ def test_the_patch_keeps_real_line_ends(tmp_path, data, edits):
     root.mkdir()
     (root / "f.txt").write_bytes(data)
     shutil.copytree(root, copy)
-    s = Session.open(str(root))
-    for line, content in edits:
-        assert "error" not in s.edit("f.txt", line, None, content)
-    result = s.diff("patch")
+    with closing(Session.open(str(root))) as s:
+        for line, content in edits:
+            assert "error" not in s.edit("f.txt", line, None, content)
+        result = s.diff("patch")
     assert "notes" not in result and (root / "f.txt").read_bytes() != data
     _git_applies(result["diff"], copy, root, tmp_path)
 
