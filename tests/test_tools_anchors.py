@@ -2,7 +2,6 @@
 
 import pytest
 
-import editor
 from editor_session import anchors
 
 C_SOURCE = ["int add(int a,\n", "        int b)\n", "{\n", "    return a + b;\n", "}\n"]
@@ -34,15 +33,3 @@ def test_several_or_no_occurrences_are_explained():
     assert [o["line"] for o in refusal["occurrences"]] == [1, 3, 5, 7, 9, 11, 13, 15]
     assert anchors.locate(C_SOURCE, "    return a - b;", "replace") == {
         "error": anchors.NOT_FOUND, "nearest": [{"line": 4, "text": "4\t    return a + b;"}]}
-
-
-@pytest.mark.parametrize("breaker", ["\x0c", "\x0b", "\x85", "\u2028"])
-def test_other_line_breaks_above_an_anchor_do_not_move_it(tmp_path, checker, breaker):
-    text = f"a{breaker}b\nc\ntarget\nd\n"
-    path = tmp_path / "f.txt"
-    path.write_text(text, encoding="utf-8")
-    lines = text.splitlines(keepends=True)
-    first, last = anchors.locate(lines, "target", "replace")
-    assert lines[first - 1] == "target\n"
-    receipt = editor.apply_block(str(tmp_path), str(path), first, last, "T\n")
-    assert receipt["replaced"] == ["target"] and path.read_text() == text.replace("target", "T")

@@ -10,6 +10,7 @@ from editor_session import reading
     (b"a\r\nb\rc\n", 3, "c"),
     (b"a\x0cb\nc\n", 2, "b"),                  # a form feed ends a line, as in the module's split
     ("x\u2028y\nz".encode(), 3, "z"),
+    ("a\x0bb\x85c\ntarget\n".encode(), 4, "target"),   # anchors count lines the same way
     (b"\xef\xbb\xbfimport os\n", 1, "import os"),  # the BOM is not text of line 1
 ])
 def test_read_numbers_lines_as_the_module_edits_them(tmp_path, checker, raw, line, shown):

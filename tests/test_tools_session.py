@@ -66,48 +66,40 @@ def test_a_multi_block_edit_keeps_line_ends_and_is_one_step(proj, keep, ends):
     assert (proj / "m.py").read_bytes() == ends.join([b"a = 1", b"b = 2", b"c = 3", b""])
 
 
-@pytest.mark.parametrize("target, was", [("m.py", "file"), ("src", "directory")])
-def test_a_delete_is_one_step_and_its_rollback_puts_every_byte_back(proj, s, target, was):
+@pytest.mark.parametrize("target, was, edited, changed", [
+    ("m.py", "file", "src/n.py", "m.py"), ("src", "directory", "m.py", "src/n.py")])
+def test_a_delete_is_one_step_undone_and_redone_until_the_files_change(proj, s, target, was, edited, changed):
     before = tree_bytes(proj)
-    s.edit("src/n.py", 1, None, "x = 2\n")
+    s.edit(edited, 1, None, "x = 2\n")
     for form in ("unified", "patch"):
-        assert s.diff(form)["diff"].startswith("--- a/src/n.py\n+++ b/src/n.py\n")
+        assert s.diff(form)["diff"].startswith(f"--- a/{edited}\n+++ b/{edited}\n")
     result = s.delete(target)
     assert (result["deleted"], result["was"], result["step"], s.status()["depth"]) == (target, was, 2, 2)
-    assert not (proj / target).exists() and [e["tool"] for e in editor.ledger_load(str(proj))] == ["edit", "delete"]
-    s.rollback(2)
-    assert tree_bytes(proj) == before and all(e.get("rolled_back") for e in editor.ledger_load(str(proj)))
-
-
-def test_redo_reapplies_undone_steps_in_order_until_the_files_change(proj, s):
-    s.edit("m.py", 1, None, "A = 1\n")
-    s.delete("src")
     done = tree_bytes(proj)
-    s.rollback(2)
+    assert target not in done and s.rollback(2) and tree_bytes(proj) == before
+    assert all(e.get("rolled_back") for e in editor.ledger_load(str(proj)))
     assert "2 undone step(s)" in s.redo(3)["error"]
     assert [r["tool"] for r in s.redo(2)["redone"]] == ["edit", "delete"]
     assert tree_bytes(proj) == done and s.status()["depth"] == 2
-    assert [e.get("redo_of") for e in editor.ledger_load(str(proj))] == [None, None, 1, 2]
+    assert [(e["tool"], e.get("redo_of")) for e in editor.ledger_load(str(proj))] == [
+        ("edit", None), ("delete", None), ("edit", 1), ("delete", 2)]
     s.rollback(1)
-    (proj / "src" / "n.py").write_text("changed\n")
+    (proj / changed).write_text("changed\n")
     before = tree_bytes(proj)
     assert "no longer as the rollback left it" in s.redo(1)["error"] and tree_bytes(proj) == before
-    s.edit("m.py", 2, None, "b = 0\n")
+    s.edit("src/n.py", 1, None, "x = 0\n")
     assert "0 undone step(s)" in s.redo(1)["error"]
 
 
-@pytest.mark.parametrize("cancel", [None, lambda: True])
-def test_the_check_judges_created_files_whole_keeps_bytes_and_stops_when_cancelled(proj, s, cancel):
+def test_the_check_reports_what_the_edits_broke_keeps_bytes_and_stops_when_cancelled(proj, s):
     s.edit("m.py", 2, None, "b = undefined_b\n")
     s.create("src/new.py", "print(titel)\n")
     before = tree_bytes(proj)
-    result = s.check(cancel=cancel)
+    cancelled = s.check(cancel=lambda: True)
+    assert cancelled["cancelled"] and cancelled["findings"] == [] and len(cancelled["skipped"]) == 2
+    assert [(f["path"], f["line"], f["message"]) for f in s.check()["structured"]] == [
+        ("m.py", 2, "undefined name 'undefined_b'"), ("src/new.py", 1, "undefined name 'titel'")]
     assert tree_bytes(proj) == before
-    if cancel:
-        assert result["cancelled"] and result["findings"] == [] and len(result["skipped"]) == 2
-    else:
-        assert [(f["path"], f["line"], f["message"]) for f in result["structured"]] == [
-            ("m.py", 2, "undefined name 'undefined_b'"), ("src/new.py", 1, "undefined name 'titel'")]
 
 
 CALLERS = [{"symbol": "lib.py::helper", "callers": ["app.py::main"], "caller_count": 1}]
