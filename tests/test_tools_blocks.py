@@ -16,8 +16,7 @@ def reach(spec):
 
 @st.composite
 def edits(draw):
-    pairs = draw(st.lists(st.tuples(st.text("ab\x0c", max_size=3), st.sampled_from(["\n", "\r\n", "\x0c"])), max_size=8))
-    lines = [text + end for text, end in pairs]
+    lines = draw(st.lists(st.builds(str.__add__, st.text("ab\x0c", max_size=3), st.sampled_from(["\n", "\r\n", "\x0c"])), max_size=8))
     if lines and draw(st.booleans()):
         lines[-1] = lines[-1].rstrip("\r\n\x0c") or "z"
     n, specs = len(lines), []
@@ -37,15 +36,13 @@ def edits(draw):
 def test_blocks_give_what_the_module_gives_one_by_one_bottom_up(tmp_path_factory, edit):
     text, specs = edit
     folder = tmp_path_factory.mktemp("b")
-    one, many = folder / "one.txt", folder / "many.txt"
-    for path in (one, many):
-        path.write_bytes(text.encode())
+    (one := folder / "one.txt").write_bytes(text.encode())
+    (many := folder / "many.txt").write_bytes(text.encode())
     for spec in sorted(specs, key=reach, reverse=True):
         assert "error" not in editor.apply_block(str(folder), str(one), spec["start_line"], spec["end_line"],
                                                  spec["content"], spec["mode"])
     result = blocks.edit_blocks(str(folder), str(many), "many.txt", text.encode(), specs, ends=False)
-    assert [r["block"] for r in result["blocks"]] == list(range(1, len(specs) + 1))
-    assert many.read_bytes() == one.read_bytes()
+    assert [r["block"] for r in result["blocks"]] == list(range(1, len(specs) + 1)) and many.read_bytes() == one.read_bytes()
 
 
 @pytest.mark.parametrize("specs, message", [
@@ -63,8 +60,7 @@ def test_blocks_give_what_the_module_gives_one_by_one_bottom_up(tmp_path_factory
     ([{"start_line": 1, "content": "a = (1"}, {"start_line": 2, "content": "b = 3"}], None),
 ])
 def test_refusals_and_dry_runs_write_nothing(tmp_path, specs, message):
-    path = tmp_path / "f.py"
-    path.write_bytes(b"line1 = 1\r\nline2 = 2\r\nline3 = 3\r\n")
+    (path := tmp_path / "f.py").write_bytes(b"line1 = 1\r\nline2 = 2\r\nline3 = 3\r\n")
     before = tree_digest(tmp_path)
     result = blocks.edit_blocks(str(tmp_path), str(path), "src/f.py", path.read_bytes(), specs, dry_run=not message)
     if message:
@@ -76,10 +72,8 @@ def test_refusals_and_dry_runs_write_nothing(tmp_path, specs, message):
 
 
 def test_fifty_blocks_take_one_syntax_check(tmp_path, checker):
-    path = tmp_path / "f.py"
-    path.write_text("".join(f"x{i} = {i}\n" for i in range(200)))
+    (path := tmp_path / "f.py").write_text("".join(f"x{i} = {i}\n" for i in range(200)))
     specs = [{"start_line": 4 * k + 1, "content": f"y{k} = {k}"} for k in range(50)]
     result = blocks.edit_blocks(str(tmp_path), str(path), "f.py", path.read_bytes(), specs)
-    assert len(result["blocks"]) == 50 and len(checker) == 1
-    assert checker[0][1]["before_text"].startswith("x0 = 0\n")
+    assert len(result["blocks"]) == 50 and len(checker) == 1 and checker[0][1]["before_text"].startswith("x0 = 0\n")
     assert path.read_text().splitlines()[4] == "y1 = 1"

@@ -14,9 +14,9 @@ from editor_session import reading
     (b"\xef\xbb\xbfimport os\n", 1, "import os"),  # the BOM is not text of line 1
 ])
 def test_read_numbers_lines_as_the_module_edits_them(tmp_path, checker, raw, line, shown):
-    (tmp_path / "f.txt").write_bytes(raw)
+    (path := tmp_path / "f.txt").write_bytes(raw)
     assert reading.read(raw, line, line)["text"] == f"{line}\t{shown}"
-    receipt = editor.apply_block(str(tmp_path), str(tmp_path / "f.txt"), line, None, "new\n")
+    receipt = editor.apply_block(str(tmp_path), str(path), line, None, "new\n")
     assert receipt["replaced"][0].removeprefix("\ufeff").rstrip("\x0c\u2028") == shown
 
 

@@ -25,13 +25,11 @@ def s(proj):
 
 
 def tree_bytes(root):
-    return {str(p.relative_to(root)): p.read_bytes() if p.is_file() else None
-            for p in sorted(root.rglob("*")) if ".git" not in p.parts}
+    return {str(p.relative_to(root)): p.read_bytes() if p.is_file() else None for p in sorted(root.rglob("*"))}
 
 
 @pytest.mark.parametrize("call", [
     lambda s: s.edit("m.py", 2, None, "b = 9\n", tag="0" * 12),
-    lambda s: s.edit("m.py", 2, None, "b = 9\n", tag="stale"),
     lambda s: s.edit("m.py", None, None, "X\n", anchor="= 2"),
     lambda s: s.edit("m.py", blocks=[{"start_line": 1}, {"start_line": 1, "end_line": 2}]),
     lambda s: s.edit("m.py", blocks=[{"start_line": 1, "content": "A = (1"}], dry_run=True),
@@ -61,8 +59,7 @@ def test_a_multi_block_edit_keeps_line_ends_and_is_one_step(proj, keep, ends):
         result = s.edit("m.py", blocks=[{"start_line": 1, "content": "A = 1"}, {"anchor": "c = 3", "content": "C = 3"}])
         assert [b["at"] for b in result["blocks"]] == [1, 3] and result["syntax"] == "ok"
         assert (proj / "m.py").read_bytes() == ends.join([b"A = 1", b"b = 2", b"C = 3", b""])
-        assert len(editor.ledger_load(str(proj))) == 1 and s.status()["depth"] == 1
-        s.rollback(1)
+        assert len(editor.ledger_load(str(proj))) == 1 and s.rollback(1) and s.status()["depth"] == 0
     assert (proj / "m.py").read_bytes() == ends.join([b"a = 1", b"b = 2", b"c = 3", b""])
 
 
@@ -71,16 +68,13 @@ def test_a_multi_block_edit_keeps_line_ends_and_is_one_step(proj, keep, ends):
 def test_a_delete_is_one_step_undone_and_redone_until_the_files_change(proj, s, target, was, edited, changed):
     before = tree_bytes(proj)
     s.edit(edited, 1, None, "x = 2\n")
-    for form in ("unified", "patch"):
-        assert s.diff(form)["diff"].startswith(f"--- a/{edited}\n+++ b/{edited}\n")
+    assert all(s.diff(form)["diff"].startswith(f"--- a/{edited}\n+++ b/{edited}\n") for form in ("unified", "patch"))
     result = s.delete(target)
     assert (result["deleted"], result["was"], result["step"], s.status()["depth"]) == (target, was, 2, 2)
     done = tree_bytes(proj)
     assert target not in done and s.rollback(2) and tree_bytes(proj) == before
-    assert all(e.get("rolled_back") for e in editor.ledger_load(str(proj)))
-    assert "2 undone step(s)" in s.redo(3)["error"]
-    assert [r["tool"] for r in s.redo(2)["redone"]] == ["edit", "delete"]
-    assert tree_bytes(proj) == done and s.status()["depth"] == 2
+    assert all(e.get("rolled_back") for e in editor.ledger_load(str(proj))) and "2 undone step(s)" in s.redo(3)["error"]
+    assert [r["tool"] for r in s.redo(2)["redone"]] == ["edit", "delete"] and tree_bytes(proj) == done
     assert [(e["tool"], e.get("redo_of")) for e in editor.ledger_load(str(proj))] == [
         ("edit", None), ("delete", None), ("edit", 1), ("delete", 2)]
     s.rollback(1)
@@ -102,18 +96,16 @@ def test_the_check_reports_what_the_edits_broke_keeps_bytes_and_stops_when_cance
     assert tree_bytes(proj) == before
 
 
-CALLERS = [{"symbol": "lib.py::helper", "callers": ["app.py::main"], "caller_count": 1}]
-
-
-@pytest.mark.parametrize("call, expected", [
-    (lambda s: s.edit("lib.py", 1, 2, ""), CALLERS),
-    (lambda s: s.edit("lib.py", 5, 6, ""), None),
-    (lambda s: s.delete("lib.py"), CALLERS),
-    (lambda s: s.edit("lib.py", 1, 1, "def helper(x, y=0):"), None),
+@pytest.mark.parametrize("call, dangling", [
+    (lambda s: s.edit("lib.py", 1, 2, ""), True),
+    (lambda s: s.edit("lib.py", 5, 6, ""), False),
+    (lambda s: s.delete("lib.py"), True),
+    (lambda s: s.edit("lib.py", 1, 1, "def helper(x, y=0):"), False),
 ])
-def test_removing_what_other_files_call_reports_the_callers(proj, call, expected):
+def test_removing_what_other_files_call_reports_the_callers(proj, call, dangling):
     (proj / "lib.py").write_text("def helper(x):\n    return x + 1\n\n\ndef unused():\n    return 2\n")
     (proj / "app.py").write_text("from lib import helper\n\n\ndef main():\n    return helper(3)\n")
     with closing(Session.open(str(proj))) as s:
         result = call(s)
-    assert "step" in result and result.get("dangling") == expected
+    assert "step" in result and result.get("dangling") == (
+        [{"symbol": "lib.py::helper", "callers": ["app.py::main"], "caller_count": 1}] if dangling else None)
