@@ -18,21 +18,18 @@ MODELS = "inventory/models.py"
 
 
 @pytest.fixture
-def setting(tmp_path):
-    """(project copy, state directory, stderr file of the servers)."""
-    shutil.copytree(ROOT / "demo" / "sample_project", tmp_path / "proj")
+def project(tmp_path):
     (tmp_path / "state").mkdir()
-    return tmp_path / "proj", tmp_path / "state", tmp_path / "server-stderr.txt"
+    return shutil.copytree(ROOT / "demo" / "sample_project", tmp_path / "proj")
 
 
-def drive(setting, scenario, command=None):
-    """Runs `scenario(call, client)` against a fresh server on the project, bounded in time;
-    `call(tool, **arguments)` answers the structured result, or the whole result when `failing`."""
-    project, state, errors = setting
-
+def drive(project, scenario, command=None):
+    """Runs `scenario(call, client)` on a fresh server, bounded in time; `call(tool, **arguments)`
+    answers the structured result, or the whole result when `failing`."""
     async def run():
-        with anyio.fail_after(4 * CALL_TIMEOUT), open(errors, "a") as errlog:
-            async with connect(command or checkout_command(project), state, errlog, checkout_env()) as client:
+        with anyio.fail_after(4 * CALL_TIMEOUT), open(project.parent / "stderr.txt", "a") as errlog:
+            async with connect(command or checkout_command(project), project.parent / "state", errlog,
+                               checkout_env()) as client:
                 async def call(name, failing=False, **arguments):
                     result = await client.call_tool(name, arguments)
                     assert result.is_error == failing, (name, result.content)
@@ -41,26 +38,26 @@ def drive(setting, scenario, command=None):
     return anyio.run(run)
 
 
-def test_a_conversation_through_every_tool(setting):
-    project, _, errors = setting
+def test_a_conversation_through_every_tool(project):
     original, before = tree_texts(project), tree_digest(project)
     malformed = [("edit", {"path": MODELS, "start_line": "third"}), ("edit", {"start_line": 1}),
                  ("edit", {"path": MODELS, "start_line": 1, "mode": "sideways"}), ("rollback", {"steps": [1]}),
                  ("edit", {"path": MODELS, "blocks": [{"start_line": "one"}]}), ("read", {"path": MODELS, "start": 0}),
-                 ("no_such_tool", {}), ("redo", {"steps": 1}), ("diff", {"form": "git"})]
+                 ("no_such_tool", {}), ("redo", {"steps": 1}), ("diff", {"form": "git"}),
+                 ("edit", {"path": MODELS, "start_line": 999, "content": "x\n"})]
 
     async def scenario(call, client):
         assert {"read", "edit", "create", "delete", "rollback", "redo", "check", "diff", "ledger", "status"} <= {
             tool.name for tool in (await client.list_tools()).tools}
         for name, arguments in malformed:
             assert len((await call(name, True, **arguments)).content[0].text.splitlines()) == 1, name
-        refused = await call("edit", True, path=MODELS, start_line=999, content="x\n")
-        assert refused.content[0].text == refused.structured_content["error"] and tree_digest(project) == before
+        assert tree_digest(project) == before
         read = await call("read", path=MODELS, start=3, end=3)
         fixed = await call("edit", path=MODELS, start_line=3, tag=read["tag"], content="MAX_ITEMS = 800\n")
         assert (read["text"], fixed["replaced"], fixed["syntax"]) == ("3\tMAX_ITEMS = 500", ["MAX_ITEMS = 500"], "ok")
         stale = await call("edit", True, path=MODELS, start_line=3, tag=read["tag"], content="MAX_ITEMS = 9\n")
-        assert stale.structured_content["lines"] == "3\tMAX_ITEMS = 800" and fixed["tag"] != read["tag"]
+        assert stale.content[0].text == stale.structured_content["error"] and fixed["tag"] != read["tag"]
+        assert stale.structured_content["lines"] == "3\tMAX_ITEMS = 800"
         assert (await call("edit", path=MODELS, anchor="class Item:\n", content="class Item(:\n"))["syntax"] != "ok"
         await call("rollback", steps=1)
         await call("create", path="inventory/extra.py", content="print(undefined_in_check)\n")
@@ -69,7 +66,9 @@ def test_a_conversation_through_every_tool(setting):
 
         async def progress(done, total, message):
             seen.append((done, total, message))
-        assert "undefined_in_check" in str(await client.call_tool("check", {}, progress_callback=progress))
+        report = (await client.call_tool("check", {}, progress_callback=progress)).structured_content
+        assert [(f["path"], f["line"], f["message"]) for f in report["structured"]] == [
+            (rel, 1, "undefined name 'undefined_in_check'") for rel in ("inventory/extra.py", "inventory/util.py")]
         with anyio.fail_after(CALL_TIMEOUT):  # notifications are delivered beside the result
             while len(seen) < 3:
                 await anyio.sleep(0.01)
@@ -87,13 +86,12 @@ def test_a_conversation_through_every_tool(setting):
         for tool, steps in (("rollback", 1), ("redo", 1), ("rollback", 3)):
             await call(tool, steps=steps)
 
-    drive(setting, scenario)
+    drive(project, scenario)
     assert tree_texts(project) == {**original, MODELS: original[MODELS].replace("500", "800", 1)}
-    assert "Traceback" not in errors.read_text()
+    assert "Traceback" not in (project.parent / "stderr.txt").read_text()
 
 
-def test_killed_mid_edit_the_restarted_server_finds_the_session_intact(setting):
-    project, _, _ = setting
+def test_killed_mid_edit_the_restarted_server_finds_the_session_intact(project):
     # Text, so that the write itself (megabytes) is what the kill interrupts, not a parse.
     big = "".join(f"value {n}\n" for n in range(300_000))
     (project / "big.txt").write_text(big)
@@ -123,5 +121,5 @@ def test_killed_mid_edit_the_restarted_server_finds_the_session_intact(setting):
 
     for delay in (0.0, 0.05, 0.2):
         with contextlib.suppress(Exception):
-            drive(setting, killed_mid_edit, recorder)
-        assert drive(setting, inspect) in (1, 2) and tree_texts(project) == original
+            drive(project, killed_mid_edit, recorder)
+        assert drive(project, inspect) in (1, 2) and tree_texts(project) == original

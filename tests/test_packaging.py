@@ -7,7 +7,6 @@ import shutil
 import subprocess
 import sys
 import sysconfig
-import tomllib
 from pathlib import Path
 
 import pytest
@@ -20,13 +19,6 @@ def run(*args, cwd=ROOT, check=False, timeout=120):
     env = {key: value for key, value in os.environ.items() if key not in ("PYTHONPATH", "EDITOR_BUILD")}
     return subprocess.run([str(arg) for arg in args], cwd=cwd, capture_output=True, text=True, timeout=timeout,
                           env=env, check=check)
-
-
-def test_dependencies_are_the_tested_versions():
-    declared = tomllib.loads((ROOT / "pyproject.toml").read_text(encoding="utf-8"))["project"]["dependencies"]
-    pinned = {line.split("==")[0].lower(): line.strip()
-              for line in (ROOT / "requirements.txt").read_text(encoding="utf-8").splitlines() if "==" in line}
-    assert declared and all(dependency == pinned.get(dependency.split("==")[0].lower()) for dependency in declared)
 
 
 def test_product_python_is_type_clean():

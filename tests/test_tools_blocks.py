@@ -69,11 +69,3 @@ def test_refusals_and_dry_runs_write_nothing(tmp_path, specs, message):
         assert result["syntax"].startswith("SyntaxError: ") and "+b = 3" in result["diff"]
         assert "--- a/src/f.py\n+++ b/src/f.py" in result["diff"]
     assert tree_digest(tmp_path) == before
-
-
-def test_fifty_blocks_take_one_syntax_check(tmp_path, checker):
-    (path := tmp_path / "f.py").write_text("".join(f"x{i} = {i}\n" for i in range(200)))
-    specs = [{"start_line": 4 * k + 1, "content": f"y{k} = {k}"} for k in range(50)]
-    result = blocks.edit_blocks(str(tmp_path), str(path), "f.py", path.read_bytes(), specs)
-    assert len(result["blocks"]) == 50 and len(checker) == 1 and checker[0][1]["before_text"].startswith("x0 = 0\n")
-    assert path.read_text().splitlines()[4] == "y1 = 1"
