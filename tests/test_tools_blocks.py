@@ -1,10 +1,11 @@
-"""Multi-block edits: the same result as the module's edits bottom-up, all or nothing, one check."""
+"""Multi-block edits: the same result as the module's edits bottom-up, all or nothing; kept line
+ends: an edit of lines i..j changes exactly those lines' bytes."""
 
 import pytest
 from hypothesis import given, settings, strategies as st
 
 import editor
-from editor_session import blocks
+from editor_session import blocks, lineends
 from helpers import tree_digest
 
 MODES = ["replace", "insert_before", "insert_after"]
@@ -69,3 +70,24 @@ def test_refusals_and_dry_runs_write_nothing(tmp_path, specs, message):
         assert result["syntax"].startswith("SyntaxError: ") and "+b = 3" in result["diff"]
         assert "--- a/src/f.py\n+++ b/src/f.py" in result["diff"]
     assert tree_digest(tmp_path) == before
+
+
+@pytest.mark.parametrize("raw, start, end, content, mode, expected", [
+    (b"a\r\nb\r\nc\nd\r\n", 3, None, "X\nY", "replace", b"a\r\nb\r\nX\r\nY\r\nd\r\n"),  # the dominant end
+    (b"a\rb\rc", 1, None, "X", "replace", b"X\rb\rc"),
+    (b"a\r\nb", 1, None, "X", "replace", b"X\r\nb"),
+    (b"\xef\xbb\xbfa\r\nb\r\n", 1, None, "X", "replace", b"\xef\xbb\xbfX\r\nb\r\n"),
+    (b"\xef\xbb\xbfa\rb", 2, None, "X", "insert_before", b"\xef\xbb\xbfa\rX\rb"),
+    (b"a\r\nb", 2, None, "X", "insert_after", b"a\r\nb\r\nX\r\n"),  # the old last line gets an end
+    (b"a\nb\r\nc\r", 3, None, "X\n", "insert_after", b"a\nb\r\nc\rX\n"),
+    (b"a\r\nb\r\nc\r\n", 2, 3, "", "replace", b"a\r\n"),
+    # Breaks that are no line-end style stay where they are and give no style.
+    ("a\x85b\x85".encode(), 1, None, "X\n", "insert_before", "X\na\x85b\x85".encode()),
+    ("a\u2028b\nc\u2028d".encode(), 2, 3, "X\rY", "replace", "a\u2028X\nY\nd".encode()),
+    (b"a\x0cb\r\nc\r\n", 2, None, "X", "replace", b"a\x0cX\r\nc\r\n"),
+])
+def test_an_edit_keeps_the_line_ends_of_the_lines_it_leaves(tmp_path, checker, raw, start, end, content, mode, expected):
+    (path := tmp_path / "f.txt").write_bytes(raw)
+    receipt = editor.apply_block(str(tmp_path), str(path), start, end, content, mode)
+    span = lineends.single_span(receipt["at"], len(receipt["replaced"]), mode)
+    assert lineends.restore(str(path), raw, [span], lineends.profile(raw)) == expected

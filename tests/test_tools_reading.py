@@ -1,9 +1,10 @@
-"""read: the module's lines with numbers, the cap, tags, and refusals for what is not text."""
+"""read: the module's lines with numbers, the cap, tags, refusals for what is not text; anchors:
+whole lines for a replace, several or no occurrences explained."""
 
 import pytest
 
 import editor
-from editor_session import reading
+from editor_session import anchors, reading
 
 
 @pytest.mark.parametrize("raw, line, shown", [
@@ -49,3 +50,31 @@ def test_what_is_not_text_is_refused_in_one_line(tmp_path, make, reason):
     make(tmp_path / "x")
     refusal = reading.load(str(tmp_path / "x"), "x")
     assert reason in refusal["error"] and "\n" not in refusal["error"]
+
+
+C_SOURCE = ["int add(int a,\n", "        int b)\n", "{\n", "    return a + b;\n", "}\n"]
+
+
+def part(where, lines):
+    return {"error": f"anchor covers only part of {where}, and a replace takes whole lines -- give an anchor of whole "
+                     "lines or address by line numbers", "lines": lines}
+
+
+@pytest.mark.parametrize("anchor, mode, expected", [
+    ("int add(int a,\n        int b)", "replace", (1, 2)),
+    ("int add(int a,\n        int b)\n", "replace", (1, 2)),
+    ("    return a + b;", "replace", (4, 4)),
+    ("return a", "insert_before", (4, 4)),          # inserts move no text, so a part will do
+    ("int a,\n        int b", "replace", part("lines 1-2", "1\tint add(int a,\n2\t        int b)")),
+    ("int add(int a,\n        int", "replace", part("lines 1-2", "1\tint add(int a,\n2\t        int b)")),
+    ("return a + b", "replace", part("line 4", "4\t    return a + b;")),
+    ("    return a - b;", "replace", {"error": anchors.NOT_FOUND, "nearest": [{"line": 4, "text": "4\t    return a + b;"}]}),
+])
+def test_anchors_resolve_to_the_whole_lines_read(anchor, mode, expected):
+    assert anchors.locate(C_SOURCE, anchor, mode) == expected
+
+
+def test_several_occurrences_are_listed_first_eight():
+    refusal = anchors.locate([f"x = {i}\n" if i % 2 else "pass\n" for i in range(20)], "pass", "insert_after")
+    assert "occurs 10 times" in refusal["error"] and refusal["occurrences"][0]["text"] == "1\tpass"
+    assert [o["line"] for o in refusal["occurrences"]] == [1, 3, 5, 7, 9, 11, 13, 15]
