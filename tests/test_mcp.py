@@ -5,7 +5,7 @@ import contextlib
 import os
 import shutil
 import signal
-import sys
+import threading
 
 import anyio
 import pytest
@@ -23,12 +23,12 @@ def project(tmp_path):
     return shutil.copytree(ROOT / "demo" / "sample_project", tmp_path / "proj")
 
 
-def drive(project, scenario, command=None):
+def drive(project, scenario):
     """Runs `scenario(call, client)` on a fresh server, bounded in time; `call(tool, **arguments)`
     answers the structured result, or the whole result when `failing`."""
     async def run():
         with anyio.fail_after(4 * CALL_TIMEOUT), open(project.parent / "stderr.txt", "a") as errlog:
-            async with connect(command or checkout_command(project), project.parent / "state", errlog,
+            async with connect(checkout_command(project), project.parent / "state", errlog,
                                checkout_env()) as client:
                 async def call(name, failing=False, **arguments):
                     result = await client.call_tool(name, arguments)
@@ -93,13 +93,8 @@ def test_a_conversation_through_every_tool(project):
 
 def test_killed_mid_edit_the_restarted_server_finds_the_session_intact(project):
     # Text, so that the write itself (megabytes) is what the kill interrupts, not a parse.
-    big = "".join(f"value {n}\n" for n in range(300_000))
-    (project / "big.txt").write_text(big)
-    original = tree_texts(project)
-    pid_file = project.parent / "server.pid"
-    recorder = [sys.executable, "-c", "import os, sys, runpy; open(sys.argv.pop(1), 'w').write(str(os.getpid()));"
-                "sys.argv[0] = 'editor-mcp'; runpy.run_module('editor_session.server', run_name='__main__')",
-                str(pid_file), "--root", str(project)]
+    (project / "big.txt").write_text(big := "".join(f"value {n}\n" for n in range(300_000)))
+    original, killed = tree_texts(project), []
 
     async def lost(call):
         with contextlib.suppress(Exception):  # the server dies under it: its answer is lost
@@ -107,19 +102,21 @@ def test_killed_mid_edit_the_restarted_server_finds_the_session_intact(project):
 
     async def killed_mid_edit(call, client):
         await call("edit", path=MODELS, start_line=3, content="MAX_ITEMS = 9\n")
+        [server] = open(f"/proc/self/task/{threading.get_native_id()}/children").read().split()
         async with anyio.create_task_group() as calls:
             calls.start_soon(lost, call)
             await anyio.sleep(delay)
-            os.kill(int(pid_file.read_text()), signal.SIGKILL)
+            os.kill(int(server), signal.SIGKILL)
+            killed.append(delay)
 
     async def inspect(call, client):
         assert (project / "big.txt").read_text() in (big, big.replace("value 0\n", "value -1\n", 1))
         steps = sum(1 for entry in (await call("ledger"))["entries"] if not entry.get("rolled_back"))
         await call("status")
-        await call("rollback", steps=steps)
-        return steps
+        return steps, await call("rollback", steps=steps)
 
     for delay in (0.0, 0.05, 0.2):
         with contextlib.suppress(Exception):
-            drive(project, killed_mid_edit, recorder)
-        assert drive(project, inspect) in (1, 2) and tree_texts(project) == original
+            drive(project, killed_mid_edit)
+        assert drive(project, inspect)[0] in (1, 2) and tree_texts(project) == original
+    assert killed == [0.0, 0.05, 0.2]
