@@ -38,7 +38,6 @@ def tree_bytes(root, dirs=True):
     lambda s: s.edit("m.py", None, None, "X\n", anchor="= 2"),
     lambda s: s.edit("m.py", blocks=[{"start_line": 1}, {"start_line": 1, "end_line": 2}]),
     lambda s: s.edit("m.py", blocks=[{"start_line": 1, "content": "A = (1"}], dry_run=True),
-    lambda s: s.edit("src", 1, None, "x\n"),
 ])
 def test_refusals_and_dry_runs_write_nothing(proj, s, call):
     before = tree_digest(proj)
