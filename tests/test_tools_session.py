@@ -1,158 +1,151 @@
-"""The tools wired into the session: tags, blocks, kept line ends through rollback, read, diff."""
+"""The tools wired into the session: tags, blocks, kept line ends through rollback, delete, redo,
+honest syntax verdicts, and the session diff as a patch that git applies."""
+
+import shutil
+import subprocess
+from contextlib import closing
 
 import pytest
 from helpers import tree_digest
 
 import editor
+from editor_session import git_hunks, patch, syntax
 from editor_session.session import Session
 
 
-@pytest.fixture(autouse=True)
-def state_home(tmp_path, monkeypatch):
-    monkeypatch.setenv("EDITOR_STATE_HOME", str(tmp_path / "state"))
-
-
 @pytest.fixture
-def proj(project):
+def proj(project, tmp_path, monkeypatch):
+    monkeypatch.setenv("EDITOR_STATE_HOME", str(tmp_path / "state"))
     (project / "m.py").write_bytes(b"a = 1\r\nb = 2\r\nc = 3\r\n")
     (project / "src").mkdir()
     (project / "src" / "n.py").write_text("x = 1\n")
     return project
 
 
+@pytest.fixture
+def s(proj):
+    with closing(Session.open(str(proj))) as session:
+        yield session
+
+
+def tree_bytes(root, dirs=True):
+    return {str(p.relative_to(root)): p.read_bytes() if p.is_file() else None for p in sorted(root.rglob("*"))
+            if ".git" not in p.parts and (dirs or p.is_file())}
+
+
 @pytest.mark.parametrize("call", [
     lambda s: s.edit("m.py", 2, None, "b = 9\n", tag="0" * 12),
-    lambda s: s.edit("m.py", 2, None, "b = 9\n", tag="stale"),
     lambda s: s.edit("m.py", None, None, "X\n", anchor="= 2"),
     lambda s: s.edit("m.py", blocks=[{"start_line": 1}, {"start_line": 1, "end_line": 2}]),
     lambda s: s.edit("m.py", blocks=[{"start_line": 1, "content": "A = (1"}], dry_run=True),
-    lambda s: s.edit("src", 1, None, "x\n"),
-    lambda s: s.read("src"),
 ])
-def test_refusals_and_dry_runs_write_nothing(proj, call):
-    s = Session.open(str(proj))
+def test_refusals_and_dry_runs_write_nothing(proj, s, call):
     before = tree_digest(proj)
     result = call(s)
     assert ("error" in result) != bool(result.get("dry_run"))
     assert tree_digest(proj) == before and s.status()["depth"] == 0
 
 
-def test_a_stale_tag_is_refused_with_the_current_lines_and_a_fresh_one_passes(proj):
-    s = Session.open(str(proj))
+def test_a_stale_tag_is_refused_with_the_current_lines_and_a_fresh_one_passes(proj, s):
     tag = s.read("m.py")["tag"]
     (proj / "m.py").write_bytes(b"a = 1\r\nB = 2\r\nc = 3\r\n")
-    refusal = s.edit("m.py", 2, None, "b = 9\n", tag=tag)
-    assert refusal["lines"] == "2\tB = 2" and refusal["tag"] != tag
-    receipt = s.edit("m.py", 2, None, "b = 9\n", tag=refusal["tag"])
-    assert receipt["replaced"] == ["B = 2"] and receipt["tag"] == s.read("m.py")["tag"]
+    refusal = s.edit("m.py", 2, 3, "b = 9\n", tag=tag)
+    assert refusal["lines"] == "2\tB = 2\n3\tc = 3" and refusal["tag"] != tag
+    receipt = s.edit("m.py", 2, 3, "b = 9\n", tag=refusal["tag"])
+    assert receipt["replaced"] == ["B = 2", "c = 3"] and receipt["tag"] == s.read("m.py")["tag"]
+    assert (proj / "m.py").read_bytes() == b"a = 1\r\nb = 9\r\n"
 
 
-@pytest.mark.parametrize("keep, after_edit", [
-    (True, b"a = 1\r\nb = 9\r\nc = 3\r\n"),
-    (False, b"a = 1\nb = 9\nc = 3\n"),
-])
-def test_line_ends_are_kept_through_edit_and_rollback(proj, keep, after_edit):
-    s = Session.open(str(proj), keep_line_ends=keep)
-    s.edit("m.py", 2, None, "b = 9\n")
-    assert (proj / "m.py").read_bytes() == after_edit
-    s.rollback(1)
-    assert (proj / "m.py").read_bytes() == (b"a = 1\r\nb = 2\r\nc = 3\r\n" if keep else b"a = 1\nb = 2\nc = 3\n")
+@pytest.mark.parametrize("keep, ends", [(True, b"\r\n"), (False, b"\n")])
+def test_a_multi_block_edit_keeps_line_ends_and_is_one_step(proj, keep, ends):
+    with closing(Session.open(str(proj), keep_line_ends=keep)) as s:
+        result = s.edit("m.py", blocks=[{"start_line": 1, "content": "A = 1"}, {"anchor": "c = 3", "content": "C = 3"}])
+        assert [b["at"] for b in result["blocks"]] == [1, 3] and result["syntax"] == "ok"
+        assert (proj / "m.py").read_bytes() == ends.join([b"A = 1", b"b = 2", b"C = 3", b""])
+        assert len(editor.ledger_load(str(proj))) == 1 and s.rollback(1) and s.status()["depth"] == 0
+    assert (proj / "m.py").read_bytes() == ends.join([b"a = 1", b"b = 2", b"c = 3", b""])
 
 
-def test_a_multi_block_edit_is_one_step_undone_at_once(proj):
-    s = Session.open(str(proj))
-    result = s.edit("m.py", blocks=[{"start_line": 1, "content": "A = 1"}, {"anchor": "c = 3", "content": "C = 3"}])
-    assert [b["at"] for b in result["blocks"]] == [1, 3] and result["syntax"] == "ok"
-    assert (proj / "m.py").read_bytes() == b"A = 1\r\nb = 2\r\nC = 3\r\n"
-    assert len(editor.ledger_load(str(proj))) == 1 and s.status()["depth"] == 1
-    s.rollback(1)
-    assert (proj / "m.py").read_bytes() == b"a = 1\r\nb = 2\r\nc = 3\r\n"
-
-
-def test_diffs_name_files_by_their_project_paths(proj):
-    s = Session.open(str(proj))
-    s.edit("src/n.py", 1, None, "x = 2\n")
-    assert s.diff()["diff"].startswith("--- a/src/n.py\n+++ b/src/n.py\n")
-    assert s.diff("patch")["diff"].startswith("--- a/src/n.py\n+++ b/src/n.py\n")
-    assert "error" in s.diff("git")
-
-
-def tree_bytes(root):
-    return {str(p.relative_to(root)): p.read_bytes() if p.is_file() else None
-            for p in sorted(root.rglob("*")) if ".git" not in p.parts}
-
-
-@pytest.mark.parametrize("target, was", [("m.py", "file"), ("src", "directory")])
-def test_a_delete_is_one_step_and_its_rollback_puts_every_byte_back(proj, target, was):
-    s = Session.open(str(proj))
+@pytest.mark.parametrize("target, was, edited, changed", [
+    ("m.py", "file", "src/n.py", "m.py"), ("src", "directory", "m.py", "src/n.py")])
+def test_a_delete_is_one_step_undone_and_redone_until_the_files_change(proj, s, target, was, edited, changed):
     before = tree_bytes(proj)
-    s.edit("src/n.py", 1, None, "x = 2\n")
+    s.edit(edited, 1, None, "x = 2\n")
+    assert all(s.diff(form)["diff"].startswith(f"--- a/{edited}\n+++ b/{edited}\n") for form in ("unified", "patch"))
     result = s.delete(target)
-    assert result["was"] == was and result["deleted"] == target and result["step"] == 2
-    assert not (proj / target).exists() and s.status()["depth"] == 2
-    entries = editor.ledger_load(str(proj))
-    assert [e["tool"] for e in entries] == ["edit", "delete"]
-    s.rollback(2)
-    assert tree_bytes(proj) == before
-    assert all(e.get("rolled_back") for e in editor.ledger_load(str(proj)))
-
-
-def test_redo_reapplies_undone_steps_in_order_until_the_files_change(proj):
-    s = Session.open(str(proj))
-    s.edit("m.py", 1, None, "A = 1\n")
-    s.delete("src")
+    assert (result["deleted"], result["was"], result["step"], s.status()["depth"]) == (target, was, 2, 2)
     done = tree_bytes(proj)
-    s.rollback(2)
-    assert "2 undone step(s)" in s.redo(3)["error"]
-    assert [r["tool"] for r in s.redo(2)["redone"]] == ["edit", "delete"]
-    assert tree_bytes(proj) == done and s.status()["depth"] == 2
-    assert [e.get("redo_of") for e in editor.ledger_load(str(proj))] == [None, None, 1, 2]
+    assert target not in done and s.rollback(2) and tree_bytes(proj) == before
+    assert all(e.get("rolled_back") for e in editor.ledger_load(str(proj))) and "2 undone step(s)" in s.redo(3)["error"]
+    assert [r["tool"] for r in s.redo(2)["redone"]] == ["edit", "delete"] and tree_bytes(proj) == done
+    assert [(e["tool"], e.get("redo_of")) for e in editor.ledger_load(str(proj))] == [
+        ("edit", None), ("delete", None), ("edit", 1), ("delete", 2)]
     s.rollback(1)
-    (proj / "src" / "n.py").write_text("changed\n")
+    (proj / changed).write_text("changed\n")
     before = tree_bytes(proj)
     assert "no longer as the rollback left it" in s.redo(1)["error"] and tree_bytes(proj) == before
-    s.edit("m.py", 2, None, "b = 0\n")
+    s.edit("src/n.py", 1, None, "x = 0\n")
     assert "0 undone step(s)" in s.redo(1)["error"]
 
 
-def test_the_demo_shows_the_agent_tools(tmp_path):
-    import sys
-    from pathlib import Path
-    sys.path.insert(0, str(Path(__file__).resolve().parent.parent / "demo"))
-    import run as demo
-    root = demo.copy_sample(tmp_path)
-    r = demo.agent_tools(root)
-    assert "changed since tag" in r["stale"]["error"] and r["stale"]["tag"] != r["read"]["tag"]
-    assert len(r["blocks"]["blocks"]) == 2 and r["crlf_bytes"].count(b"\r\n") == 3
-    assert r["undelete"]["restored"] == ["tools/build.bat"] and r["redo"]["redone"][0]["tool"] == "delete"
-    assert [(f["path"], f["message"]) for f in r["created_check"]] == [
-        ("inventory/slugs.py", "undefined name 'titel'")]
-
-
-@pytest.mark.parametrize("cancel", [None, lambda: True])
-def test_the_check_judges_created_files_whole_keeps_bytes_and_stops_when_cancelled(proj, cancel):
-    s = Session.open(str(proj))
-    s.edit("m.py", 2, None, "b = undefined_b\n")
-    s.create("src/new.py", "print(titel)\n")
-    before = tree_bytes(proj)
-    result = s.check(cancel=cancel)
-    assert tree_bytes(proj) == before
-    if cancel:
-        assert result["cancelled"] and result["findings"] == [] and len(result["skipped"]) == 2
-        return
-    assert [(f["path"], f["line"], f["analyser"]) for f in result["structured"]] == [
-        ("m.py", 2, "python"), ("src/new.py", 1, "python")]
-    assert "titel" in result["findings"][1] and "skipped" not in result
-
-
-@pytest.mark.parametrize("call, expected", [
-    (lambda s: s.edit("lib.py", 1, 2, ""), [{"symbol": "lib.py::helper", "callers": ["app.py::main"], "caller_count": 1}]),
-    (lambda s: s.edit("lib.py", 5, 6, ""), None),
-    (lambda s: s.delete("lib.py"), [{"symbol": "lib.py::helper", "callers": ["app.py::main"], "caller_count": 1}]),
-    (lambda s: s.edit("lib.py", 1, 1, "def helper(x, y=0):"), None),
+@pytest.mark.parametrize("call, dangling", [
+    (lambda s: s.edit("lib.py", 1, 2, ""), True),
+    (lambda s: s.edit("lib.py", 5, 6, ""), False),
+    (lambda s: s.delete("lib.py"), True),
+    (lambda s: s.edit("lib.py", 1, 1, "def helper(x, y=0):"), False),
 ])
-def test_removing_what_other_files_call_reports_the_callers(proj, call, expected):
+def test_removing_what_other_files_call_reports_the_callers(proj, call, dangling):
     (proj / "lib.py").write_text("def helper(x):\n    return x + 1\n\n\ndef unused():\n    return 2\n")
     (proj / "app.py").write_text("from lib import helper\n\n\ndef main():\n    return helper(3)\n")
-    result = call(Session.open(str(proj)))
-    assert "step" in result and result.get("dangling") == expected
+    with closing(Session.open(str(proj))) as s:
+        result = call(s)
+    assert "step" in result and result.get("dangling") == (
+        [{"symbol": "lib.py::helper", "callers": ["app.py::main"], "caller_count": 1}] if dangling else None)
+
+
+BROKEN = "SyntaxError: '(' was never closed (line 2)"
+
+
+@pytest.mark.parametrize("before, content, expected", [
+    ("x = (\ny = 1\n", "y = 2", "before"),                # broken before, edit elsewhere
+    ("x = 1\ny = 1\n", "y = (", BROKEN),
+    ("\ufeffx = 1\ny = 1\n", "y = 2", "ok"),             # a BOM is no breakage
+    ("\ufeffx = 1\ny = 1\n", "y = (", BROKEN),
+])
+def test_syntax_blames_the_edit_only_for_its_own_breakage(tmp_path, before, content, expected):
+    (path := tmp_path / "m.py").write_text(before, encoding="utf-8")
+    receipt = editor.apply_block(str(tmp_path), str(path), 2, None, content)
+    assert receipt["syntax"] != "ok"  # what the module alone says
+    result = syntax.honest(receipt["syntax"], str(path), lambda: before)
+    assert result == ({"syntax": "ok", "syntax_before": receipt["syntax"]} if expected == "before" else {"syntax": expected})
+
+
+def test_paths_under_the_root_become_relative(tmp_path):
+    found = patch.relative({"error": f"{tmp_path}/src/a.py does not exist", "list": [f"{tmp_path}/b"], "n": 3}, str(tmp_path))
+    assert found == {"error": "src/a.py does not exist", "list": ["b"], "n": 3}
+    assert git_hunks.exact(["@@ -1,1 +1,1 @@", "-a", "+A"], "a\nb\nc\nd\n", "A\nb\nc\nD\n") is None  # a missed change
+
+
+@pytest.mark.skipif(shutil.which("git") is None, reason="git is not installed")
+@pytest.mark.parametrize("data, edits", [
+    (b"".join(b"line %d\r\n" % n for n in range(1, 21)), [(2, "two\n"), (17, "seventeen\nmore\n")]),  # two hunks
+    (b"a\rb\rc\rd\re\rf\r", [(3, "C\n")]),                                  # CR only: one git line
+    (b"\xef\xbb\xbfa\r\nb\r\nc\r\n", [(1, "A\n")]),                          # BOM on the replaced line
+    (b"\xef\xbb\xbfa\r\nb\r\nc\r\n", [(3, "C\n")]),                          # BOM as context
+    (b"a\r\nb\r\nc", [(3, "C"), (1, "A\n")]),                                # no final newline
+    (b"a\r\nb\r\nc", [(3, "c\nd\n")]),                                      # final newline gained
+    (b"a\fb\r\nc\xe2\x80\xa8d\r\ne\r\n", [(2, "B\n"), (4, "D\n")]),          # breaks git does not split at
+])
+def test_the_patch_is_what_git_applies_byte_for_byte(proj, s, tmp_path, data, edits):
+    (proj / "old").mkdir()
+    (proj / "f.txt").write_bytes(data)
+    (proj / "old" / "gone.txt").write_bytes(data)
+    shutil.copytree(proj, copy := tmp_path / "copy")
+    for line, content in edits:
+        assert "error" not in s.edit("f.txt", line, None, content)
+    assert "error" not in s.delete("old/gone.txt") and "error" not in s.create("new/made.txt", "fresh\n")
+    result = s.diff("patch")
+    assert "notes" not in result and "--- /dev/null\n+++ b/new/made.txt" in result["diff"]
+    subprocess.run(["git", "init", "-q", str(copy)], check=True)
+    subprocess.run(["git", "apply", "-"], input=result["diff"].encode(), cwd=copy, check=True)
+    assert tree_bytes(copy, dirs=False) == tree_bytes(proj, dirs=False)
