@@ -41,64 +41,42 @@ def python(code, *args, **options):
 
 # Each file takes one of two texts (None: absent); which one is fixed by whether a live step of
 # the session names it.
-def variants():
-    return {
-        "big1.txt": (BIG, "alpha\n" + BIG.split("\n", 1)[1]),
-        "big2.txt": (BIG, BIG.replace("line 1 of", "beta of", 1)),
-        "new.txt": (None, BIG[: len(BIG) * 2 // 3]),
-        "small.py": ("import os\n\nX = os.sep\n", "import os\n\nX = undefined_name\n"),
-    }
-
-
-CYCLE = [
-    ("edit", lambda s, v: s.edit("big1.txt", 1, None, "alpha\n")),
-    ("create", lambda s, v: s.create("new.txt", v["new.txt"][1])),
-    ("edit", lambda s, v: s.edit("big2.txt", 2, None, "beta of a file of several megabytes\n")),
-    ("rollback", lambda s, v: s.rollback(2)),
-    ("edit", lambda s, v: s.edit("small.py", 3, None, "X = undefined_name\n")),
-    ("check", lambda s, v: s.check()),
-    ("rollback", lambda s, v: s.rollback(max(1, s.status()["depth"]))),
-]
+VARIANTS = {"big1.txt": (BIG, "alpha\n" + BIG.split("\n", 1)[1]), "big2.txt": (BIG, BIG.replace("line 1 of", "beta of", 1)),
+            "new.txt": (None, BIG[: len(BIG) * 2 // 3]), "small.py": ("import os\n\nX = os.sep\n", "import os\n\nX = undefined_name\n")}
+CYCLE = [("edit", lambda s: s.edit("big1.txt", 1, None, "alpha\n")), ("create", lambda s: s.create("new.txt", VARIANTS["new.txt"][1])),
+         ("edit", lambda s: s.edit("big2.txt", 2, None, "beta of a file of several megabytes\n")), ("rollback", lambda s: s.rollback(2)),
+         ("edit", lambda s: s.edit("small.py", 3, None, "X = undefined_name\n")), ("check", lambda s: s.check()),
+         ("rollback", lambda s: s.rollback(max(1, s.status()["depth"])))]
 
 
 def child_loop(root, announce):
     """Runs the cycle for ever, writing each call's kind to `announce` before it starts."""
     try:
         session = Session.open(root)
-        v = variants()
         for kind, call in itertools.cycle(CYCLE):
             os.write(announce, kind.encode() + b"\n")
-            call(session, v)
-    except BaseException:
+            call(session)
+    finally:
         os._exit(3)
 
 
 def consistent_state(root):
     """Opens the session (recovering) and checks files, store and ledger against each other."""
-    session = Session.open(root)
-    try:
+    with contextlib.closing(Session.open(root)) as session:
         status = session.status()
         live = {(st["step"], st["file"]) for st in status["steps"] if "rolled_back" not in st}
-        ledger = {(e["n"], e["file"]) for e in session.ledger()["entries"] if not e.get("rolled_back")}
-        assert live == ledger and len(live) == status["depth"]
-        named = {name for _, name in live}
-        for name, (initial, edited) in variants().items():
-            path = Path(root, name)
-            actual = path.read_text() if path.exists() else None
-            assert actual == (edited if name in named else initial), (name, status)
-        return status
-    finally:
-        session.close()
+        assert live == {(e["n"], e["file"]) for e in session.ledger()["entries"] if not e.get("rolled_back")}
+        assert len(live) == status["depth"]
+    named = {name for _, name in live}
+    for name, texts in VARIANTS.items():
+        assert (Path(root, name).read_text() if Path(root, name).exists() else None) == texts[name in named], (name, status)
 
 
 def wait_for(stream, kind, deadline):
     """Reads the child's announcements until the call it is starting now is `kind`."""
     pending = b""
-    while (left := deadline - time.monotonic()) > 0:
-        if not select.select([stream], [], [], left)[0]:
-            break
-        chunk = os.read(stream, 4096)
-        if not chunk:
+    while time.monotonic() < deadline and select.select([stream], [], [], max(0, deadline - time.monotonic()))[0]:
+        if not (chunk := os.read(stream, 4096)):
             break
         pending += chunk
         if pending.endswith(b"\n") and pending.rstrip(b"\n").rsplit(b"\n", 1)[-1] == kind.encode():
@@ -110,12 +88,10 @@ def wait_for(stream, kind, deadline):
 # announce a call, and the trial's time limit would fail the test instead of hanging it.
 @pytest.mark.filterwarnings("ignore:This process .* is multi-threaded:DeprecationWarning")
 def test_kills_at_random_moments_lose_nothing(root):
-    for name, (initial, _) in variants().items():
-        if initial is not None:
-            (root / name).write_text(initial)
-    Session.open(str(root)).close()
-    rng = random.Random(1234)
-    kinds = ["edit", "create", "rollback", "check"]
+    initial = {name: texts[0] for name, texts in VARIANTS.items() if texts[0] is not None}
+    for name, text in initial.items():
+        (root / name).write_text(text)
+    rng, kinds = random.Random(1234), ["edit", "create", "rollback", "check"]
     killed_in = {kind: 0 for kind in kinds}
     for trial in range(KILL_TRIALS):
         target = kinds[trial % len(kinds)]
@@ -139,8 +115,7 @@ def test_kills_at_random_moments_lose_nothing(root):
     with contextlib.closing(Session.open(str(root))) as session:
         depth = session.status()["depth"]
         assert depth == 0 or "error" not in session.rollback(depth)
-    assert {p.name: p.read_text() for p in root.iterdir()} == {
-        name: initial for name, (initial, _) in variants().items() if initial is not None}
+    assert {p.name: p.read_text() for p in root.iterdir()} == initial
 
 
 SIGNAL_CHILD = """
