@@ -2,6 +2,7 @@
 command line."""
 
 import contextlib
+import itertools
 import json
 import subprocess
 import sys
@@ -10,6 +11,7 @@ from pathlib import Path
 import pytest
 from hypothesis import HealthCheck, given, settings
 from hypothesis import strategies as st
+from helpers import write
 
 import srcatlas
 from editor_session.session import Session
@@ -138,11 +140,9 @@ def test_command_line_reports_the_static_diffs_of_a_long_lived_session(tmp_path,
     """A process per call reads only the records its edit reaches; what it reports must not
     depend on that."""
     roots = [tmp_path / "long", tmp_path / "cli"]
-    for root in roots:
-        for rel, text in INDEXED.items():
-            (root / rel).parent.mkdir(parents=True, exist_ok=True)
-            (root / rel).write_text(text)
-    session = opened(roots[0])
+    for root, rel in itertools.product(roots, INDEXED):
+        write(root / rel, INDEXED[rel])
+    session, _ = opened(roots[0]), opened(roots[1]).close()
     for tool, *args in CALLS:
         options = dict(zip(args[1::2], args[2::2]))
         if tool == "edit":
