@@ -4,6 +4,7 @@ from pathlib import Path
 
 import pytest
 
+import editor
 from editor_session import compile_db, gate
 from editor_session.swap_lock import SwapLock
 from helpers import repository, write
@@ -87,6 +88,7 @@ def test_headers_are_checked_through_a_unit(project, rel, clean, broken, analyse
     touched = touch(project, {rel: (clean, broken)})
     [finding] = check(str(project), touched)["structured"]
     assert (finding["path"], finding["line"], finding["analyser"], "radius" in finding["message"]) == (rel, 2, analyser, True)
+    assert editor._semantic_errfn.__module__ != "editor_session.analysers"  # the gate's hook is taken down again
 
 
 MIXED = {
