@@ -121,6 +121,13 @@ def test_command_line_keeps_the_session_between_calls(tmp_path):
     assert [step["rolled_back"] for step in status["steps"]] == [True, True] and status["depth"] == 0
 
 
+def test_command_line_prints_a_note_and_dangling_callers_as_whole_lines():
+    from editor_session import cli  # a note was once printed a character per line
+    assert cli._structure({"static_diff": {"note": "no structural change"}, "dangling": [
+        {"symbol": "a.py::f", "callers": ["b.py::g"], "caller_count": 3}]}) == [
+        "note: no structural change", "dangling: a.py::f is still called by b.py::g and 2 more"]
+
+
 INDEXED = {"pkg/__init__.py": "", "pkg/a.py": "def f():\n    return 1\n\nclass K:\n    def run(self):\n        return f()\n",
            "pkg/b.py": "from pkg.a import f\n\ndef g():\n    return f()\n",
            "app.py": "import pkg.b as m\nfrom pkg.a import K\n\ndef main():\n    m.g()\n    K().run()\n    thing.stop()\n",
