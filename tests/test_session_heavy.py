@@ -1,6 +1,7 @@
 """The session store under kills, signals and several processes at once (heavy: real child
 processes, bounded rounds, time limits)."""
 
+import contextlib
 import itertools
 import os
 import random
@@ -17,7 +18,7 @@ from editor_session.session import Session
 
 pytestmark = pytest.mark.heavy
 ROOT = Path(__file__).resolve().parent.parent
-KILL_TRIALS = int(os.environ.get("EDITOR_KILL_TRIALS", "200"))
+KILL_TRIALS = int(os.environ.get("EDITOR_KILL_TRIALS", "80"))
 BIG = "".join(f"line {i} of a file of several megabytes\n" for i in range(55_000))  # ~2 MiB
 
 
@@ -26,66 +27,56 @@ def state_home(tmp_path, monkeypatch):
     monkeypatch.setenv("EDITOR_STATE_HOME", str(tmp_path / "state"))
 
 
+@pytest.fixture
+def root(tmp_path):
+    (tmp_path / "proj").mkdir()
+    return tmp_path / "proj"
+
+
+def python(code, *args, **options):
+    env = dict(os.environ, PYTHONPATH=f"{ROOT / 'build'}:{ROOT / 'host'}")
+    return subprocess.Popen([sys.executable, "-c", code, *map(str, args)], env=env, stderr=subprocess.PIPE,
+                            text=True, **options)
+
+
 # Each file takes one of two texts (None: absent); which one is fixed by whether a live step of
 # the session names it.
-def variants():
-    return {
-        "big1.txt": (BIG, "alpha\n" + BIG.split("\n", 1)[1]),
-        "big2.txt": (BIG, BIG.replace("line 1 of", "beta of", 1)),
-        "new.txt": (None, BIG[: len(BIG) * 2 // 3]),
-        "small.py": ("import os\n\nX = os.sep\n", "import os\n\nX = undefined_name\n"),
-    }
-
-
-CYCLE = [
-    ("edit", lambda s, v: s.edit("big1.txt", 1, None, "alpha\n")),
-    ("create", lambda s, v: s.create("new.txt", v["new.txt"][1])),
-    ("edit", lambda s, v: s.edit("big2.txt", 2, None, "beta of a file of several megabytes\n")),
-    ("rollback", lambda s, v: s.rollback(2)),
-    ("edit", lambda s, v: s.edit("small.py", 3, None, "X = undefined_name\n")),
-    ("check", lambda s, v: s.check()),
-    ("rollback", lambda s, v: s.rollback(max(1, s.status()["depth"]))),
-]
+VARIANTS = {"big1.txt": (BIG, "alpha\n" + BIG.split("\n", 1)[1]), "big2.txt": (BIG, BIG.replace("line 1 of", "beta of", 1)),
+            "new.txt": (None, BIG[: len(BIG) * 2 // 3]), "small.py": ("import os\n\nX = os.sep\n", "import os\n\nX = undefined_name\n")}
+CYCLE = [("edit", lambda s: s.edit("big1.txt", 1, None, "alpha\n")), ("create", lambda s: s.create("new.txt", VARIANTS["new.txt"][1])),
+         ("edit", lambda s: s.edit("big2.txt", 2, None, "beta of a file of several megabytes\n")), ("rollback", lambda s: s.rollback(2)),
+         ("edit", lambda s: s.edit("small.py", 3, None, "X = undefined_name\n")), ("check", lambda s: s.check()),
+         ("rollback", lambda s: s.rollback(max(1, s.status()["depth"])))]
 
 
 def child_loop(root, announce):
     """Runs the cycle for ever, writing each call's kind to `announce` before it starts."""
     try:
         session = Session.open(root)
-        v = variants()
         for kind, call in itertools.cycle(CYCLE):
             os.write(announce, kind.encode() + b"\n")
-            call(session, v)
-    except BaseException:
+            call(session)
+    finally:
         os._exit(3)
 
 
 def consistent_state(root):
     """Opens the session (recovering) and checks files, store and ledger against each other."""
-    session = Session.open(root)
-    try:
+    with contextlib.closing(Session.open(root)) as session:
         status = session.status()
         live = {(st["step"], st["file"]) for st in status["steps"] if "rolled_back" not in st}
-        ledger = {(e["n"], e["file"]) for e in session.ledger()["entries"] if not e.get("rolled_back")}
-        assert live == ledger and len(live) == status["depth"]
-        named = {name for _, name in live}
-        for name, (initial, edited) in variants().items():
-            path = Path(root, name)
-            actual = path.read_text() if path.exists() else None
-            assert actual == (edited if name in named else initial), (name, status)
-        return status
-    finally:
-        session.close()
+        assert live == {(e["n"], e["file"]) for e in session.ledger()["entries"] if not e.get("rolled_back")}
+        assert len(live) == status["depth"]
+    named = {name for _, name in live}
+    for name, texts in VARIANTS.items():
+        assert (Path(root, name).read_text() if Path(root, name).exists() else None) == texts[name in named], (name, status)
 
 
 def wait_for(stream, kind, deadline):
     """Reads the child's announcements until the call it is starting now is `kind`."""
     pending = b""
-    while (left := deadline - time.monotonic()) > 0:
-        if not select.select([stream], [], [], left)[0]:
-            break
-        chunk = os.read(stream, 4096)
-        if not chunk:
+    while time.monotonic() < deadline and select.select([stream], [], [], max(0, deadline - time.monotonic()))[0]:
+        if not (chunk := os.read(stream, 4096)):
             break
         pending += chunk
         if pending.endswith(b"\n") and pending.rstrip(b"\n").rsplit(b"\n", 1)[-1] == kind.encode():
@@ -96,16 +87,12 @@ def wait_for(stream, kind, deadline):
 # Forked children run only code already imported; one that deadlocked at the fork would never
 # announce a call, and the trial's time limit would fail the test instead of hanging it.
 @pytest.mark.filterwarnings("ignore:This process .* is multi-threaded:DeprecationWarning")
-def test_kills_at_random_moments_lose_nothing(tmp_path):
-    root = tmp_path / "proj"
-    root.mkdir()
-    for name, (initial, _) in variants().items():
-        if initial is not None:
-            (root / name).write_text(initial)
-    Session.open(str(root)).close()
-    rng = random.Random(1234)
-    kinds = ["edit", "create", "rollback", "check"]
-    started, killed_in = time.monotonic(), {kind: 0 for kind in kinds}
+def test_kills_at_random_moments_lose_nothing(root):
+    initial = {name: texts[0] for name, texts in VARIANTS.items() if texts[0] is not None}
+    for name, text in initial.items():
+        (root / name).write_text(text)
+    rng, kinds = random.Random(1234), ["edit", "create", "rollback", "check"]
+    killed_in = {kind: 0 for kind in kinds}
     for trial in range(KILL_TRIALS):
         target = kinds[trial % len(kinds)]
         read_end, write_end = os.pipe()
@@ -125,13 +112,10 @@ def test_kills_at_random_moments_lose_nothing(tmp_path):
         assert os.WIFSIGNALED(status), f"the child ended on its own (status {status}) in trial {trial}"
         consistent_state(str(root))
     assert min(killed_in.values()) >= KILL_TRIALS // len(kinds) - 1, killed_in
-    session = Session.open(str(root))
-    depth = session.status()["depth"]
-    if depth:
-        assert "error" not in session.rollback(depth)
-    assert {p.name: p.read_text() for p in root.iterdir()} == {
-        name: initial for name, (initial, _) in variants().items() if initial is not None}
-    assert time.monotonic() - started < 240
+    with contextlib.closing(Session.open(str(root))) as session:
+        depth = session.status()["depth"]
+        assert depth == 0 or "error" not in session.rollback(depth)
+    assert {p.name: p.read_text() for p in root.iterdir()} == initial
 
 
 SIGNAL_CHILD = """
@@ -153,19 +137,15 @@ s.check()
 
 
 @pytest.mark.parametrize("name", ["SIGTERM", "SIGINT", "SIGHUP"])
-def test_a_signal_during_the_check_restores_the_current_text(tmp_path, name):
-    root = tmp_path / "proj"
-    root.mkdir()
+def test_a_signal_during_the_check_restores_the_current_text(root, name):
     (root / "m.py").write_text("import os\n\nX = os.sep\n")
-    session = Session.open(str(root))
-    session.edit("m.py", 3, None, "X = undefined_name\n")
-    session.close()
-    env = dict(os.environ, PYTHONPATH=f"{ROOT / 'build'}:{ROOT / 'host'}")
-    child = subprocess.run([sys.executable, "-c", SIGNAL_CHILD, str(root), name], env=env, timeout=60,
-                           capture_output=True, text=True)
-    assert child.returncode == -getattr(signal, name), child.stderr
-    assert (root / "m.py").read_text() == "import os\n\nX = undefined_name\n"
-    assert Session.open(str(root)).check()["findings"] == ["m.py: python error: undefined name 'undefined_name' (line 3)"]
+    with contextlib.closing(Session.open(str(root))) as session:
+        session.edit("m.py", 3, None, "X = undefined_name\n")
+        child = python(SIGNAL_CHILD, root, name)
+        _, errors = child.communicate(timeout=60)
+        assert child.returncode == -getattr(signal, name), errors
+        assert (root / "m.py").read_text() == "import os\n\nX = undefined_name\n"
+        assert session.check()["findings"] == ["m.py: python error: undefined name 'undefined_name' (line 3)"]
 
 
 EDITOR_PROCESS = """
@@ -179,38 +159,33 @@ for j in range(count):
 """
 
 
-def test_eight_processes_editing_at_once_stay_one_to_one(tmp_path):
-    root = tmp_path / "proj"
-    root.mkdir()
+def test_eight_processes_editing_at_once_stay_one_to_one(root):
     processes, edits = 8, 20
     for i in range(processes):
         (root / f"f{i}.py").write_text(f"V{i} = None\n")
     Session.open(str(root)).close()
-    env = dict(os.environ, PYTHONPATH=f"{ROOT / 'build'}:{ROOT / 'host'}")
-    children = [subprocess.Popen([sys.executable, "-c", EDITOR_PROCESS, str(root), str(i), str(edits)], env=env,
-                                 stderr=subprocess.PIPE, text=True) for i in range(processes)]
+    children = [python(EDITOR_PROCESS, root, i, edits) for i in range(processes)]
     for child in children:
-        assert child.wait(timeout=240) == 0, child.stderr.read()
-    session = Session.open(str(root))
-    status = session.status()
-    entries = session.ledger()["entries"]
-    assert [e["n"] for e in entries] == list(range(1, processes * edits + 1))
-    assert [(st["step"], st["file"]) for st in status["steps"]] == [(e["n"], e["file"]) for e in entries]
-    assert [(root / f"f{i}.py").read_text() for i in range(processes)] == [
-        f"V{i} = {edits - 1}\n" for i in range(processes)]
-    assert session.rollback(processes * edits)["restored"]
-    assert [(root / f"f{i}.py").read_text() for i in range(processes)] == [
-        f"V{i} = None\n" for i in range(processes)]
+        _, errors = child.communicate(timeout=240)
+        assert child.returncode == 0, errors
+    with contextlib.closing(Session.open(str(root))) as session:
+        status = session.status()
+        entries = session.ledger()["entries"]
+        assert [e["n"] for e in entries] == list(range(1, processes * edits + 1))
+        assert [(st["step"], st["file"]) for st in status["steps"]] == [(e["n"], e["file"]) for e in entries]
+        assert [(root / f"f{i}.py").read_text() for i in range(processes)] == [
+            f"V{i} = {edits - 1}\n" for i in range(processes)]
+        assert session.rollback(processes * edits)["restored"]
+        assert [(root / f"f{i}.py").read_text() for i in range(processes)] == [
+            f"V{i} = None\n" for i in range(processes)]
 
 
-def test_a_call_that_cannot_get_the_session_is_refused_as_busy(tmp_path):
-    root = tmp_path / "proj"
-    root.mkdir()
+def test_a_call_that_cannot_get_the_session_is_refused_as_busy(root):
     (root / "a.py").write_text("A = 1\n")
-    session = Session.open(str(root))
-    with session.store.locked():
-        refused = subprocess.run([str(ROOT / "scripts" / "editor-session"), "--root", str(root), "--busy-timeout",
-                                  "0.5", "edit", "a.py", "--start", "1", "--content", "A = 2\n"],
-                                 capture_output=True, text=True, timeout=60)
-    assert refused.returncode == 1 and refused.stderr.startswith("editor-session: session busy")
-    assert (root / "a.py").read_text() == "A = 1\n" and session.status()["depth"] == 0
+    with contextlib.closing(Session.open(str(root))) as session:
+        with session.store.locked():
+            refused = subprocess.run([str(ROOT / "scripts" / "editor-session"), "--root", str(root), "--busy-timeout",
+                                      "0.5", "edit", "a.py", "--start", "1", "--content", "A = 2\n"],
+                                     capture_output=True, text=True, timeout=60)
+        assert refused.returncode == 1 and refused.stderr.startswith("editor-session: session busy")
+        assert (root / "a.py").read_text() == "A = 1\n" and session.status()["depth"] == 0
