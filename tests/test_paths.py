@@ -7,20 +7,17 @@ from hypothesis import given, settings
 from hypothesis import strategies as st
 
 import editor
-from helpers import tree_digest
+from helpers import tree_digest, write
 
 
 @pytest.fixture
-def project(tmp_path):
-    root = tmp_path / "proj"
-    (root / "src").mkdir(parents=True)
-    (root / "src" / "app.py").write_text("x = 1\n")
-    (tmp_path / "outside").mkdir()
-    (root / "out_link").symlink_to(tmp_path / "outside", target_is_directory=True)
-    (root / "in_link").symlink_to(root / "src", target_is_directory=True)
-    (root / "loop").symlink_to(root / "loop")
-    (tmp_path / "alias").symlink_to(root, target_is_directory=True)
-    return root
+def project(project):
+    write(project / "src" / "app.py", "x = 1\n")
+    (project / "out_link").symlink_to(project.parent / "outside", target_is_directory=True)
+    (project / "in_link").symlink_to(project / "src", target_is_directory=True)
+    (project / "loop").symlink_to(project / "loop")
+    (project.parent / "alias").symlink_to(project, target_is_directory=True)
+    return project
 
 
 def test_a_root_given_through_a_link_confines_to_its_target(project):
@@ -40,13 +37,9 @@ def ambiguous(path_str, count, candidates):
 @pytest.mark.parametrize(
     ("path_str", "known", "expected"),
     [
-        ("app.py", ["src/App.py"], "src/App.py"),
-        ("sub\\app.py", ["pkg/sub/app.py"], "pkg/sub/app.py"),
-        ("SUB/APP.PY", ["lib/app.py", "pkg/sub/app.py"], "pkg/sub/app.py"),
-        ("new/module.py", ["app.py"], "new/module.py"),
-        ("pp.py", ["app.py"], "pp.py"),
-        ("", ["app.py"], ""),
-        ("./a/../b.py", [], "b.py"),
+        ("app.py", ["src/App.py"], "src/App.py"), ("sub\\app.py", ["pkg/sub/app.py"], "pkg/sub/app.py"),
+        ("SUB/APP.PY", ["lib/app.py", "pkg/sub/app.py"], "pkg/sub/app.py"), ("pp.py", ["app.py"], "pp.py"),
+        ("new/module.py", ["app.py"], "new/module.py"), ("", ["app.py"], ""), ("./a/../b.py", [], "b.py"),
         ("İ.py", ["i̇.py"], "i̇.py"),
         ("in_link/new.py", [], "in_link/new.py"),  # a link inside the root is returned as written
         ("loop", [], "loop"), ("../proj/src/x.py", [], "src/x.py"),
@@ -55,8 +48,7 @@ def ambiguous(path_str, count, candidates):
         ("util.py", [f"d{i}/util.py" for i in range(12)],
          ambiguous("util.py", 12, [f"d{i}/util.py" for i in range(8)])),
         ("A.py", ["x/a.py", "other.py", "y/A.PY"], ambiguous("A.py", 2, ["x/a.py", "y/A.PY"])),
-        ("../elsewhere.py", ["src/app.py"], outside("../elsewhere.py")),
-        ("/etc/passwd", [], outside("/etc/passwd")),
+        ("../elsewhere.py", ["src/app.py"], outside("../elsewhere.py")), ("/etc/passwd", [], outside("/etc/passwd")),
         ("out_link/new.py", [], outside("out_link/new.py")),
         ("out_link", [], outside("out_link")), ("../proj2/a.py", [], outside("../proj2/a.py")),
         ("src/../../outside", [], outside("src/../../outside")),
@@ -72,35 +64,8 @@ def test_resolve_target(project, path_str, known, expected):
     assert known == before and tree_digest(project.parent) == digest
 
 
-class OddLower(str):
-    """A str whose matching form is not a str."""
-
-    def replace(self, old, new):
-        return self
-
-    def lower(self):
-        return 12345
-
-
-@pytest.mark.parametrize(
-    ("call", "error"),
-    [
-        (lambda: editor._within_root("/r", "/r/a\0b"), ValueError),
-        (lambda: editor._within_root(b"/r", b"/r/a"), TypeError),
-        (lambda: editor.resolve_target("/r", 3, []), AttributeError),
-        (lambda: editor.resolve_target("/r", "a.py", ["a.py", 7]), AttributeError),
-        (lambda: editor.resolve_target("/r", "a.py", None), TypeError),
-        (lambda: editor.resolve_target(None, "a.py", ["a.py"]), TypeError),
-        (lambda: editor.resolve_target("/r", OddLower("a.py"), ["x.py"]), TypeError),
-    ],
-)
-def test_bad_input_raises_the_host_exception(call, error):
-    with pytest.raises(error):
-        call()
-
-
 class Wrapped(str):
-    """A str subclass, so its matching form comes from the host's own replace() and lower()."""
+    pass  # its matching form comes from the host's own replace() and lower()
 
 
 # ASCII beside letters whose lower-casing changes length or leaves (or enters) ASCII.
@@ -112,8 +77,8 @@ paths = st.lists(pieces, max_size=5).map("".join)
 @settings(max_examples=400, deadline=None)
 @given(path_str=paths, known=st.lists(paths, max_size=12))
 def test_matching_in_place_agrees_with_the_hosts_methods(path_str, known):
-    """ASCII entries are compared byte by byte; wrapped, the same entries take the host's methods,
-    and a tuple takes the iterator's road: none of that may change the outcome."""
+    # ASCII entries are compared byte by byte; wrapped, the same entries take the host's methods,
+    # and a tuple takes the iterator's road: none of that may change the outcome.
     result = editor.resolve_target("/r", path_str, known)
     assert editor.resolve_target("/r", path_str, tuple(known)) == result
     assert editor.resolve_target("/r", Wrapped(path_str), [Wrapped(entry) for entry in known]) == result

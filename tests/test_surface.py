@@ -1,5 +1,4 @@
-"""What the host sees on import: every stubbed name bound, signatures in step with the stubs,
-call errors worded as a Python def words them."""
+"""What the host sees: the stubbed names and signatures, call errors and bad input raised as Python raises them."""
 
 import ast
 import inspect
@@ -32,8 +31,21 @@ def test_signature_matches_the_stub(name):
     assert getattr(editor, name).__doc__ and "--\n" not in getattr(editor, name).__doc__
 
 
+class OddLower(str):
+    # Its matching form is not a str: once read as one instead of raising.
+    def replace(self, old, new):
+        return self
+
+    def lower(self):
+        return 12345
+
+
+NOT_REPLACEABLE = AttributeError("'int' object has no attribute 'replace'")
+
+
+# A str is a TypeError's text.
 @pytest.mark.parametrize(
-    ("function", "args", "kwargs", "message"),
+    ("function", "args", "kwargs", "error"),
     [
         ("resolve_target", (), {},
          "{}() missing 3 required positional arguments: 'root', 'path_str', and 'known_paths'"),
@@ -47,14 +59,17 @@ def test_signature_matches_the_stub(name):
         ("apply_block", ("/r", "/r/f", 1, None, None), {}, "{}() argument 'content' must be str, not None"),
         ("apply_block", ("/r", "/r/f", 1, None, "X"), {"anchor": b"b"},
          "{}() argument 'anchor' must be str or None, not bytes"),
+        ("_within_root", ("/r", "/r/a\0b"), {}, ValueError("lstat: embedded null character in path")),
+        ("_within_root", (b"/r", b"/r/a"), {}, "path must be str, not bytes"),
+        ("resolve_target", ("/r", 3, []), {}, NOT_REPLACEABLE),
+        ("resolve_target", ("/r", "a.py", ["a.py", 7]), {}, NOT_REPLACEABLE),
+        ("resolve_target", ("/r", "a.py", None), {}, "'NoneType' object is not iterable"),
+        ("resolve_target", (None, "a.py", ["a.py"]), {}, "expected str, bytes or os.PathLike object, not NoneType"),
+        ("resolve_target", ("/r", OddLower("a.py"), ["x.py"]), {}, 'can only concatenate str (not "int") to str'),
     ],
 )
-def test_call_errors_read_like_a_python_def(function, args, kwargs, message):
-    with pytest.raises(TypeError) as caught:
+def test_call_errors_and_bad_input_raise_as_python_would(function, args, kwargs, error):
+    error = error if isinstance(error, Exception) else TypeError(error.format(function))
+    with pytest.raises(type(error)) as caught:
         getattr(editor, function)(*args, **kwargs)
-    assert str(caught.value) == message.format(function)
-
-
-def test_every_parameter_can_be_passed_by_name(tmp_path):
-    resolved = editor.resolve_target(known_paths=["src/a.py"], path_str="a.py", root=str(tmp_path))
-    assert resolved == str(tmp_path / "src" / "a.py") and editor._within_root(path=resolved, root=str(tmp_path))
+    assert str(caught.value) == str(error)
