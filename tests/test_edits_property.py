@@ -1,11 +1,7 @@
-"""For random files and edits, the block edit keeps every line outside the addressed range byte for
-byte, echoes the lines it replaced, and refuses (leaving the file as it was) only what is out of range."""
-
-import os
-import tempfile
+"""The block edit keeps the lines outside its range, echoes those it replaced, refuses only what is out of range."""
 
 import pytest
-from hypothesis import given, settings
+from hypothesis import HealthCheck, given, settings
 from hypothesis import strategies as st
 
 import editor
@@ -34,15 +30,10 @@ def edits(draw):
     return raw, start, end, draw(documents), mode, draw(anchor)
 
 
-def check_edit(raw, start, end, content, mode, anchor):
-    with tempfile.TemporaryDirectory() as root, pytest.MonkeyPatch.context() as patch:
-        patch.setattr(editor, "syntax_check", lambda path, before_text=None: "ok", raising=False)
-        path = os.path.join(root, "f.txt")
-        with open(path, "wb") as file:
-            file.write(raw.encode())
-        receipt = editor.apply_block(root, path, start, end, content, mode, anchor)
-        with open(path, "rb") as file:
-            written = file.read().decode()
+def check_edit(path, raw, start, end, content, mode, anchor):
+    path.write_bytes(raw.encode())
+    receipt = editor.apply_block(str(path.parent), str(path), start, end, content, mode, anchor)
+    written = path.read_bytes().decode()
     text = raw.replace("\r\n", "\n").replace("\r", "\n")
     lines, found = text.splitlines(keepends=True), text.count(anchor) if anchor else 1
     if anchor and found == 1:
@@ -66,10 +57,11 @@ def check_edit(raw, start, end, content, mode, anchor):
     assert receipt == {"replaced": [line.rstrip("\n") for line in lines[cut:resume]], "at": start, "syntax": "ok"}
 
 
-@settings(max_examples=400, deadline=None)
+# One file rewritten by every example; the syntax check only records its calls.
+@settings(max_examples=400, deadline=None, suppress_health_check=[HealthCheck.function_scoped_fixture])
 @given(edits())
-def test_edit_keeps_the_frame_and_echoes_what_it_replaced(case):
-    check_edit(*case)
+def test_edit_keeps_the_frame_and_echoes_what_it_replaced(project, checker, case):
+    check_edit(project / "f.txt", *case)
 
 
 LARGE = "".join(f"line {i} é😀 {'x' * (i % 37)}{BREAKS[i % len(BREAKS)]}" for i in range(4000))
@@ -81,5 +73,5 @@ LARGE = "".join(f"line {i} é😀 {'x' * (i % 37)}{BREAKS[i % len(BREAKS)]}" for
      (None, None, "insert_after", "x\u2029line 3795 "), (None, None, "replace", "line 3"),
      (4001, None, "insert_before", None)],
 )
-def test_large_file(start, end, mode, anchor):
-    check_edit(LARGE, start, end, "new\n", mode, anchor)
+def test_large_file(project, checker, start, end, mode, anchor):
+    check_edit(project / "f.txt", LARGE, start, end, "new\n", mode, anchor)
