@@ -40,9 +40,6 @@ class OddLower(str):
         return 12345
 
 
-NOT_REPLACEABLE = AttributeError("'int' object has no attribute 'replace'")
-
-
 # A str is a TypeError's text.
 @pytest.mark.parametrize(
     ("function", "args", "kwargs", "error"),
@@ -61,8 +58,8 @@ NOT_REPLACEABLE = AttributeError("'int' object has no attribute 'replace'")
          "{}() argument 'anchor' must be str or None, not bytes"),
         ("_within_root", ("/r", "/r/a\0b"), {}, ValueError("lstat: embedded null character in path")),
         ("_within_root", (b"/r", b"/r/a"), {}, "path must be str, not bytes"),
-        ("resolve_target", ("/r", 3, []), {}, NOT_REPLACEABLE),
-        ("resolve_target", ("/r", "a.py", ["a.py", 7]), {}, NOT_REPLACEABLE),
+        ("resolve_target", ("/r", 3, []), {}, AttributeError("'int' object has no attribute 'replace'")),
+        ("resolve_target", ("/r", "a.py", ["a.py", 7]), {}, AttributeError("'int' object has no attribute 'replace'")),
         ("resolve_target", ("/r", "a.py", None), {}, "'NoneType' object is not iterable"),
         ("resolve_target", (None, "a.py", ["a.py"]), {}, "expected str, bytes or os.PathLike object, not NoneType"),
         ("resolve_target", ("/r", OddLower("a.py"), ["x.py"]), {}, 'can only concatenate str (not "int") to str'),
