@@ -23,10 +23,9 @@ def test_signature_matches_the_stub(name):
     args = STUBBED[name]
     assert not (args.vararg or args.kwarg or args.kwonlyargs or args.posonlyargs)
     defaults = [inspect.Parameter.empty] * (len(args.args) - len(args.defaults))
-    stub = [(a.arg, d) for a, d in zip(args.args, defaults + [ast.literal_eval(d) for d in args.defaults])]
-    params = inspect.signature(getattr(editor, name)).parameters.values()
-    assert [(p.name, p.default) for p in params] == stub
-    assert all(p.kind is p.POSITIONAL_OR_KEYWORD for p in params)
+    defaults += [ast.literal_eval(d) for d in args.defaults]
+    stub = [(a.arg, inspect.Parameter.POSITIONAL_OR_KEYWORD, d) for a, d in zip(args.args, defaults)]
+    assert [(p.name, p.kind, p.default) for p in inspect.signature(getattr(editor, name)).parameters.values()] == stub
     # A docstring that still holds the signature block means the host could not read it.
     assert getattr(editor, name).__doc__ and "--\n" not in getattr(editor, name).__doc__
 
