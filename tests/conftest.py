@@ -51,7 +51,7 @@ def module_functions(module):
 # then RUNS more, and fails if the reference total or the live memory blocks grew after every one
 # of those (noise comes and goes, a leak grows every time). Tests marked `leaks(only=True)` make
 # hostile calls in-process and run in the leak pass alone.
-WARMUPS, RUNS = 3, 4
+WARMUPS, RUNS = 2, 3
 
 
 def pytest_addoption(parser):
@@ -66,18 +66,20 @@ def pytest_configure(config):
 
 
 def pytest_collection_modifyitems(config, items):
-    only = [item for item in items if (mark := item.get_closest_marker("leaks")) and mark.kwargs.get("only")]
-    if only and not config.getoption("leaks"):
-        config.hook.pytest_deselected(items=only)
-        items[:] = [item for item in items if item not in only]
+    # Hypothesis tests, different examples on every run, are left out of the leak pass.
+    drop = [item for item in items if (mark := item.get_closest_marker("leaks")) and (
+        getattr(item.obj, "is_hypothesis_test", False) if config.getoption("leaks") else mark.kwargs.get("only"))]
+    if drop:
+        config.hook.pytest_deselected(items=drop)
+        items[:] = [item for item in items if item not in drop]
 
 
 def clean_caches():
     re.purge()
     linecache.clearcache()
     sys._clear_internal_caches()
-    for _ in range(3):
-        gc.collect()
+    gc.collect()
+    gc.collect()
 
 
 def tree_sitter_imbalance():
@@ -132,15 +134,17 @@ class LeakCheck:
         if item.get_closest_marker("leaks") is None:
             return None
         item.ihook.pytest_runtest_logstart(nodeid=item.nodeid, location=item.location)
-        counts = []
-        for _ in range(WARMUPS + RUNS):  # each run with fresh fixtures, torn down to the session
+        refs, blocks, last = [0] * RUNS, [0] * RUNS, None  # made up front: the bookkeeping stays level
+        for run in range(WARMUPS + RUNS):  # each run with fresh fixtures, torn down to the session
             reports = runtestprotocol(item, log=False, nextitem=None)
             item._report_sections.clear()
             if any(report.outcome != "passed" for report in reports):
                 break
-            counts.append(self.counts())
+            now = self.counts()
+            if run >= WARMUPS:
+                refs[run - WARMUPS], blocks[run - WARMUPS] = now[0] - last[0], now[1] - last[1]
+            last = now
         else:
-            refs, blocks = ([now[k] - then[k] for then, now in zip(counts[WARMUPS - 1:], counts[WARMUPS:])] for k in (0, 1))
             if all(delta > 0 for delta in refs) or all(delta > 0 for delta in blocks):
                 call = next(report for report in reports if report.when == "call")
                 call.outcome, call.longrepr = "failed", f"leak: references {refs}, memory blocks {blocks} over {RUNS} runs"

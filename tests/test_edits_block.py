@@ -7,6 +7,7 @@ import pytest
 
 import editor
 from helpers import immutable, tree_digest
+pytestmark = pytest.mark.leaks
 
 ABC = "a\nb\nc\n"
 MODE = "unknown mode '{}' (replace | insert_before | insert_after)"

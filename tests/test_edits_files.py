@@ -7,6 +7,7 @@ import pytest
 
 import editor
 from helpers import tree_digest
+pytestmark = pytest.mark.leaks
 
 EXISTS = "{path} already exists -- use edit_lines to change it"
 ESCAPE = "path escapes the project root"

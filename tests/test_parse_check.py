@@ -6,6 +6,7 @@ import threading
 import pytest
 
 import editor
+pytestmark = pytest.mark.leaks
 
 MISSING, UNEXPECTED = "missing bracket/token", "unexpected syntax"
 

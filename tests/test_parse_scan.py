@@ -10,6 +10,7 @@ from types import SimpleNamespace
 import pytest
 
 import editor
+pytestmark = pytest.mark.leaks
 
 MISSING, UNEXPECTED = "missing bracket/token", "unexpected syntax"
 

@@ -8,6 +8,7 @@ import langtable
 import pytest
 
 import editor
+pytestmark = pytest.mark.leaks
 
 UNEXPECTED, MISSING = "unexpected syntax", "missing bracket/token"
 

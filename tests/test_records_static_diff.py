@@ -3,6 +3,7 @@ from hypothesis import given, settings
 from hypothesis import strategies as st
 
 import editor
+pytestmark = pytest.mark.leaks
 
 NOTE = {"note": "no structural change (edit was within existing bodies)"}
 
