@@ -99,7 +99,7 @@ class Values:
 
     def text(self, cut=False):
         rng = self.rng
-        value = "".join(rng.choices(SNIPPETS, k=rng.choice([1, 5, 12, 2000]))) if rng.random() < 0.9 else rng.choice([*FILES.values()])
+        value = "".join(rng.choices(SNIPPETS, k=rng.choice([1, 5, 12, 12, 99, 2000]))) if rng.random() < 0.9 else rng.choice([*FILES.values()])
         value = value[(at := rng.randint(0, len(value))):at + rng.randint(0, 30)] if cut else value
         self.texts.add(id(value))  # contents, never taken as paths
         return value
@@ -143,7 +143,7 @@ class Values:
     def node(self, depth=3):
         """A tree of stand-ins; sometimes a long chain whose last node leads back to the first."""
         rng, pick = self.rng, lambda *options: self.rng.choice(options)
-        if depth == 3 and rng.random() < 0.1:
+        if depth == 3 and rng.random() < 0.04:
             node = last = Node(type="ERROR", is_missing=False, has_error=True, children=[], start_point=(0, 0))
             for _ in range(rng.choice([1000, 50000])):
                 node = Node(type="x", is_missing=False, has_error=True, children=[node], start_point=(1, 1))
@@ -296,7 +296,7 @@ def test_hostile_calls_do_not_leak(name, tmp_path, monkeypatch):
     monkeypatch.setenv("EDITOR_STATE_HOME", str(tmp_path / "state"))
     monkeypatch.setenv("HOME", str(tmp_path / "home"))
     monkeypatch.chdir(tmp_path)
-    for _, _, function, args, kwargs, _ in hostile_calls(tmp_path, sum(map(ord, name)), 30, [(name, getattr(editor, name))]):
+    for _, _, function, args, kwargs, _ in hostile_calls(tmp_path, sum(map(ord, name)), 10, [(name, getattr(editor, name))]):
         try:
             function(*args, **kwargs)
         except (Exception, Interrupt):

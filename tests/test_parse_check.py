@@ -6,7 +6,6 @@ import threading
 import pytest
 
 import editor
-pytestmark = pytest.mark.leaks
 
 MISSING, UNEXPECTED = "missing bracket/token", "unexpected syntax"
 

@@ -10,7 +10,6 @@ from types import SimpleNamespace
 import pytest
 
 import editor
-pytestmark = pytest.mark.leaks
 
 MISSING, UNEXPECTED = "missing bracket/token", "unexpected syntax"
 

@@ -8,7 +8,6 @@ import langtable
 import pytest
 
 import editor
-pytestmark = pytest.mark.leaks
 
 UNEXPECTED, MISSING = "unexpected syntax", "missing bracket/token"
 

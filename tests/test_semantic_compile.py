@@ -7,7 +7,6 @@ import pytest
 
 import editor
 from helpers import repository, script, write
-pytestmark = pytest.mark.leaks
 
 
 @pytest.fixture
