@@ -66,9 +66,10 @@ def pytest_configure(config):
 
 
 def pytest_collection_modifyitems(config, items):
-    # Hypothesis tests, different examples on every run, are left out of the leak pass.
+    # Hypothesis tests and state machines, different examples on every run, are left out of the leak pass.
+    hypothesis = lambda test: getattr(test, "is_hypothesis_test", False) or "run_state_machine_as_test" in test.__code__.co_names
     drop = [item for item in items if (mark := item.get_closest_marker("leaks")) and (
-        getattr(item.obj, "is_hypothesis_test", False) if config.getoption("leaks") else mark.kwargs.get("only"))]
+        hypothesis(item.obj) if config.getoption("leaks") else mark.kwargs.get("only"))]
     if drop:
         config.hook.pytest_deselected(items=drop)
         items[:] = [item for item in items if item not in drop]
@@ -141,6 +142,8 @@ class LeakCheck:
                 break
             if run < WARMUPS - 1:
                 continue
+            if run == WARMUPS - 1:
+                gc.freeze()  # what lives after the warm-ups: the collections below only walk what came since
             now = self.counts()
             if run >= WARMUPS:
                 refs[run - WARMUPS], blocks[run - WARMUPS] = now[0] - last[0], now[1] - last[1]
@@ -149,6 +152,7 @@ class LeakCheck:
             if all(delta > 0 for delta in refs) or all(delta > 0 for delta in blocks):
                 call = next(report for report in reports if report.when == "call")
                 call.outcome, call.longrepr = "failed", f"leak: references {refs}, memory blocks {blocks} over {RUNS} runs"
+        gc.unfreeze()
         for report in reports:
             item.ihook.pytest_runtest_logreport(report=report)
         item.ihook.pytest_runtest_logfinish(nodeid=item.nodeid, location=item.location)

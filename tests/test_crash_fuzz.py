@@ -296,7 +296,7 @@ def test_hostile_calls_do_not_leak(name, tmp_path, monkeypatch):
     monkeypatch.setenv("EDITOR_STATE_HOME", str(tmp_path / "state"))
     monkeypatch.setenv("HOME", str(tmp_path / "home"))
     monkeypatch.chdir(tmp_path)
-    for _, _, function, args, kwargs, _ in hostile_calls(tmp_path, sum(map(ord, name)), 10, [(name, getattr(editor, name))]):
+    for _, _, function, args, kwargs, _ in hostile_calls(tmp_path, sum(map(ord, name)), 6, [(name, getattr(editor, name))]):
         try:
             function(*args, **kwargs)
         except (Exception, Interrupt):
