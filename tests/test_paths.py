@@ -7,6 +7,7 @@ from hypothesis import given, settings
 from hypothesis import strategies as st
 
 import editor
+pytestmark = pytest.mark.leaks
 
 
 @pytest.fixture

@@ -8,6 +8,7 @@ from hypothesis.stateful import RuleBasedStateMachine, rule, run_state_machine_a
 
 import editor
 import projstore
+pytestmark = pytest.mark.leaks
 
 
 @pytest.fixture

@@ -2,6 +2,7 @@ import pytest
 
 import editor
 from helpers import repository, script, write
+pytestmark = pytest.mark.leaks
 
 
 def test_compiler_table_holds_the_module_objects():

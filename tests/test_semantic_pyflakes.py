@@ -6,6 +6,7 @@ import pytest
 
 import editor
 from helpers import write
+pytestmark = pytest.mark.leaks
 
 UNDEFINED_AT_12 = "import os\n" + "\n" * 10 + "print(os.sep, shadowy)\n"
 
