@@ -26,7 +26,8 @@ build: bootstrap $(BUILD)/build.ninja
 	@meson compile -C $(BUILD) >/dev/null
 
 # The suite, then the suite again under the sanitizers (check-asan, about a minute and a half
-# more), then on the debug interpreter with the leak checks (check-refleaks, about four minutes).
+# more), then on the debug interpreter followed by its leak pass (check-refleaks; the leak pass
+# itself takes under a minute).
 test: build
 	$(PY) -m pytest -q
 	@$(MAKE) --no-print-directory check-asan

@@ -6,6 +6,7 @@ import pytest
 
 import editor
 from helpers import tree_digest
+pytestmark = pytest.mark.leaks
 
 ABC = "a\nb\nc\n"
 MODE = "unknown mode '{}' (replace | insert_before | insert_after)"

@@ -8,6 +8,7 @@ from hypothesis import strategies as st
 
 import editor
 from helpers import tree_digest, write
+pytestmark = pytest.mark.leaks
 
 
 @pytest.fixture

@@ -10,6 +10,7 @@ import editor
 import projstore
 from helpers import json_like
 from test_records_static_diff import outcome
+pytestmark = pytest.mark.leaks
 
 
 @pytest.fixture

@@ -7,6 +7,7 @@ from hypothesis import given, settings
 
 import editor
 from helpers import file_text, tree_digest
+pytestmark = pytest.mark.leaks
 
 
 def unified(before, after, name):

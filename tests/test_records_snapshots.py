@@ -5,6 +5,7 @@ from hypothesis.stateful import RuleBasedStateMachine, precondition, rule, run_s
 
 import editor
 from helpers import file_text, tree_digest, tree_texts
+pytestmark = pytest.mark.leaks
 
 
 class SnapshotMachine(RuleBasedStateMachine):

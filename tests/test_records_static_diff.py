@@ -6,6 +6,7 @@ from hypothesis import strategies as st
 
 import editor
 from helpers import json_like
+pytestmark = pytest.mark.leaks
 
 NOTE = {"note": "no structural change (edit was within existing bodies)"}
 

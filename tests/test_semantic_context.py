@@ -2,6 +2,7 @@ import pytest
 
 import editor
 from helpers import repository, script, write
+pytestmark = pytest.mark.leaks
 
 
 def test_find_exe_takes_the_first_candidate_on_the_path(tmp_path, monkeypatch):

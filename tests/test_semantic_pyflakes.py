@@ -6,6 +6,7 @@ import pytest
 
 import editor
 from helpers import write
+pytestmark = pytest.mark.leaks
 
 
 @pytest.mark.parametrize(
