@@ -1,7 +1,6 @@
-"""An edit end to end: the demo's session, session invariants across processes, the command line."""
+"""An edit end to end: session invariants across processes, the command line."""
 
 import contextlib
-import itertools
 import json
 import subprocess
 import sys
@@ -10,7 +9,6 @@ from pathlib import Path
 import pytest
 from hypothesis import HealthCheck, given, settings
 from hypothesis import strategies as st
-from helpers import write
 
 import srcatlas
 from editor_session import cli
@@ -99,33 +97,3 @@ def test_command_line_prints_a_note_and_dangling_callers_as_whole_lines():
     assert cli._structure({"static_diff": {"note": "no structural change"}, "dangling": [
         {"symbol": "a.py::f", "callers": ["b.py::g"], "caller_count": 3}]}) == [
         "note: no structural change", "dangling: a.py::f is still called by b.py::g and 2 more"]
-
-
-INDEXED = {"pkg/__init__.py": "", "pkg/a.py": "def f():\n    return 1\n\nclass K:\n    def run(self):\n        return f()\n",
-           "pkg/b.py": "from pkg.a import f\n\ndef g():\n    return f()\n",
-           "app.py": "import pkg.b as m\nfrom pkg.a import K\n\ndef main():\n    m.g()\n    K().run()\n    thing.stop()\n",
-           "util.py": "class U:\n    def stop(self):\n        pass\n",
-           "other.py": "class O:\n    def stop(self):\n        pass\n"}
-# Each call moves names other files resolve through: a rename, a name becoming unique, a module
-# appearing and going, a rollback, imports rewritten.
-CALLS = [("edit", "pkg/a.py", "--start", "1", "--end", "1", "--content", "def f2():\n"),
-         ("create", "pkg/c.py", "--content", "def g():\n    pass\n"),
-         ("edit", "other.py", "--start", "2", "--end", "2", "--content", "    def halt(self):\n"),
-         ("delete", "util.py"), ("rollback", "1"),
-         ("edit", "app.py", "--start", "1", "--end", "1", "--content", "from util import U as thing\nimport pkg.c as m\n"),
-         ("edit", "pkg/b.py", "--start", "1", "--end", "1", "--content", "from pkg.a import f2 as f\n")]
-
-
-def test_command_line_reports_the_static_diffs_of_a_long_lived_session(tmp_path, opened):
-    # A process per call reads only the records its edit reaches; what it reports must not depend on that.
-    roots = [tmp_path / "long", tmp_path / "cli"]
-    for root, rel in itertools.product(roots, INDEXED):
-        write(root / rel, INDEXED[rel])
-    session, _ = opened(roots[0]), opened(roots[1]).close()
-    for call in CALLS:
-        expected = cli._call(session, cli._parser().parse_args(["--root", str(roots[0]), *call]))
-        got = json.loads(run_cli(roots[1], "--json", *call).stdout)
-        assert "error" not in expected and (got.get("static_diff"), got.get("restored")) == (
-            expected.get("static_diff"), expected.get("restored"))
-    assert all(any(entry["static_diff"].values()) for entry in session.ledger()["entries"])
-    assert srcatlas.enrich(opened(roots[1])._live.raw) == srcatlas.enrich(session._live.raw)
