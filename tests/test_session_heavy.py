@@ -26,11 +26,6 @@ def state_home(tmp_path, monkeypatch):
     monkeypatch.setenv("EDITOR_STATE_HOME", str(tmp_path / "state"))
 
 
-@pytest.fixture
-def root(project):
-    return project
-
-
 def python(code, *args, **options):
     env = dict(os.environ, PYTHONPATH=f"{ROOT / 'build'}:{ROOT / 'host'}")
     return subprocess.Popen([sys.executable, "-c", code, *map(str, args)], env=env, stderr=subprocess.PIPE,
@@ -85,10 +80,10 @@ def wait_for(stream, kind, deadline):
 # Forked children run only code already imported; one that deadlocked at the fork would never
 # announce a call, and the trial's time limit would fail the test instead of hanging it.
 @pytest.mark.filterwarnings("ignore:This process .* is multi-threaded:DeprecationWarning")
-def test_kills_at_random_moments_lose_nothing(root):
+def test_kills_at_random_moments_lose_nothing(project):
     initial = {name: texts[0] for name, texts in VARIANTS.items() if texts[0] is not None}
     for name, text in initial.items():
-        (root / name).write_text(text)
+        (project / name).write_text(text)
     rng, kinds = random.Random(1234), ["edit", "create", "rollback", "check"]
     killed_in = {kind: 0 for kind in kinds}
     for trial in range(KILL_TRIALS):
@@ -97,7 +92,7 @@ def test_kills_at_random_moments_lose_nothing(root):
         pid = os.fork()
         if pid == 0:
             os.close(read_end)
-            child_loop(str(root), write_end)
+            child_loop(str(project), write_end)
         os.close(write_end)
         try:
             if wait_for(read_end, target, time.monotonic() + 30):
@@ -108,12 +103,12 @@ def test_kills_at_random_moments_lose_nothing(root):
             _, status = os.waitpid(pid, 0)
             os.close(read_end)
         assert os.WIFSIGNALED(status), f"the child ended on its own (status {status}) in trial {trial}"
-        consistent_state(str(root))
+        consistent_state(str(project))
     assert min(killed_in.values()) >= KILL_TRIALS // len(kinds) - 1, killed_in
-    with contextlib.closing(Session.open(str(root))) as session:
+    with contextlib.closing(Session.open(str(project))) as session:
         depth = session.status()["depth"]
         assert depth == 0 or "error" not in session.rollback(depth)
-    assert {p.name: p.read_text() for p in root.iterdir()} == initial
+    assert {p.name: p.read_text() for p in project.iterdir()} == initial
 
 
 SIGNAL_CHILD = """
@@ -133,13 +128,13 @@ Session.open(sys.argv[1]).check()
 
 
 # SIGINT and SIGHUP take the same handler.
-def test_a_signal_during_the_check_restores_the_current_text(root):
-    (root / "m.py").write_text("import os\n\nX = os.sep\n")
-    with contextlib.closing(Session.open(str(root))) as session:
+def test_a_signal_during_the_check_restores_the_current_text(project):
+    (project / "m.py").write_text("import os\n\nX = os.sep\n")
+    with contextlib.closing(Session.open(str(project))) as session:
         session.edit("m.py", 3, None, "X = undefined_name\n")
-        child = python(SIGNAL_CHILD, root)
+        child = python(SIGNAL_CHILD, project)
         assert (child.communicate(timeout=60)[1], child.returncode) == ("", -signal.SIGTERM)
-        assert (root / "m.py").read_text() == "import os\n\nX = undefined_name\n"
+        assert (project / "m.py").read_text() == "import os\n\nX = undefined_name\n"
         assert session.check()["findings"] == ["m.py: python error: undefined name 'undefined_name' (line 3)"]
 
 
@@ -154,22 +149,23 @@ for j in range(count):
 """
 
 
-def test_processes_editing_at_once_stay_one_to_one_and_a_locked_out_call_is_refused_as_busy(root):
+def test_processes_editing_at_once_stay_one_to_one_and_a_locked_out_call_is_refused_as_busy(project):
     processes, edits = 8, 20
     for i in range(processes):
-        (root / f"f{i}.py").write_text(f"V{i} = None\n")
-    with contextlib.closing(Session.open(str(root))) as session, session.store.locked():
-        refused = subprocess.run([str(ROOT / "scripts" / "editor-session"), "--root", str(root), "--busy-timeout",
-                                  "0.5", "edit", "f0.py", "--start", "1", "--content", "V0 = 2\n"],
+        (project / f"f{i}.py").write_text(f"V{i} = None\n")
+    with contextlib.closing(Session.open(str(project))) as session, session.store.locked():
+        refused = subprocess.run([str(ROOT / "scripts" / "editor-session"), "--root", str(project),
+                                  "--busy-timeout", "0.5", "edit", "f0.py", "--start", "1", "--content", "V0 = 2\n"],
                                  capture_output=True, text=True, timeout=60)
     assert refused.returncode == 1 and refused.stderr.startswith("editor-session: session busy")
-    children = [python(EDITOR_PROCESS, root, i, edits) for i in range(processes)]
+    children = [python(EDITOR_PROCESS, project, i, edits) for i in range(processes)]
     assert [(child.communicate(timeout=240)[1], child.returncode) for child in children] == [("", 0)] * processes
-    texts = lambda: [(root / f"f{i}.py").read_text() for i in range(processes)]  # noqa: E731
-    with contextlib.closing(Session.open(str(root))) as session:
+    texts = lambda: [(project / f"f{i}.py").read_text() for i in range(processes)]  # noqa: E731
+    with contextlib.closing(Session.open(str(project))) as session:
         steps, entries = session.status()["steps"], session.ledger()["entries"]
         assert [(st["step"], st["file"]) for st in steps] == [(e["n"], e["file"]) for e in entries]
         assert [e["n"] for e in entries] == list(range(1, processes * edits + 1))
         assert texts() == [f"V{i} = {edits - 1}\n" for i in range(processes)]
-        assert session.rollback(processes * edits)["restored"] and texts() == [f"V{i} = None\n" for i in range(processes)]
+        assert session.rollback(processes * edits)["restored"]
+        assert texts() == [f"V{i} = None\n" for i in range(processes)]
 

@@ -145,7 +145,7 @@ def test_switching_matches_enriching_whole(cap, start, changes):
 
 ELSEWHERE = {"other.py": "def f():\n    pass\ndef g():\n    pass\nclass K:\n    def run(self):\n        pass\n"}
 TWICE = {"x.py": "def g(): pass", "y.py": "def g(): pass"}
-MAIN, G, MOD = "\ndef main():\n    ", "def g(): pass", {"pkg/mod.py": "def f(): pass"}
+MAIN, G, MOD, PKG = "\ndef main():\n    ", "def g(): pass", {"pkg/mod.py": "def f(): pass"}, {"pkg/__init__.py": ""}
 
 
 @pytest.mark.parametrize("start, rel, text, callee", [
@@ -155,7 +155,8 @@ MAIN, G, MOD = "\ndef main():\n    ", "def g(): pass", {"pkg/mod.py": "def f(): 
     (ELSEWHERE | MOD, "app.py", "import pkg.mod" + MAIN + "pkg.mod.f()", "pkg/mod.py::f"),
     (ELSEWHERE | MOD, "pkg/sub/app.py", "from ..mod import f" + MAIN + "f()", "pkg/mod.py::f"),
     (ELSEWHERE | MOD, "pkg/app.py", "from . import mod" + MAIN + "mod.f()", "pkg/mod.py::f"),
-    (ELSEWHERE | MOD | {"pkg/__init__.py": "from .mod import f"}, "app.py", "from pkg import f" + MAIN + "f()", "pkg/mod.py::f"),
+    (ELSEWHERE | MOD | {"pkg/__init__.py": "from .mod import f"}, "app.py", "from pkg import f" + MAIN + "f()",
+     "pkg/mod.py::f"),
     (ELSEWHERE | {"pkg/mod.py": "class K:\n    def run(self): pass"}, "app.py", "from pkg.mod import K" + MAIN + "K.run()",
      "pkg/mod.py::K.run"),
     (ELSEWHERE | MOD, "app.py", "from pkg.mod import f\ndef f(): pass" + MAIN + "f()", "app.py::f"),
@@ -166,13 +167,13 @@ MAIN, G, MOD = "\ndef main():\n    ", "def g(): pass", {"pkg/mod.py": "def f(): 
     (TWICE | {"pkg/b.py": "", "app.py": "import pkg.b as m" + MAIN + "m.g()"}, "pkg/b.py", G, "pkg/b.py::g"),
     (TWICE | {"pkg/__init__.py": "from .b import g as f", "pkg/b.py": "", "app.py": "from pkg import f" + MAIN + "f()"},
      "pkg/b.py", G, "pkg/b.py::g"),
-    (TWICE | {"pkg/__init__.py": "", "pkg/b.py": G, "app.py": "from pkg import g" + MAIN + "g()"},
+    (TWICE | PKG | {"pkg/b.py": G, "app.py": "from pkg import g" + MAIN + "g()"},
      "pkg/__init__.py", "from .b import *", "pkg/b.py::g"),
     ({"pkg/__init__.py": "from .b import g as f", "pkg/b.py": "", "app.py": "from pkg import f" + MAIN + "f()"},
      "other.py", G, "other.py::g"),
-    (TWICE | {"pkg/__init__.py": "", "pkg/b.py": G, "hub.py": "import pkg as P", "app.py": "from hub import P" + MAIN + "P.g()"},
+    (TWICE | PKG | {"pkg/b.py": G, "hub.py": "import pkg as P", "app.py": "from hub import P" + MAIN + "P.g()"},
      "pkg/__init__.py", "from .b import *", "pkg/b.py::g"),
-    (TWICE | {"pkg/__init__.py": "", "hub.py": "from pkg import *", "app.py": "from hub import g" + MAIN + "g()"},
+    (TWICE | PKG | {"hub.py": "from pkg import *", "app.py": "from hub import g" + MAIN + "g()"},
      "pkg/__init__.py", G, "pkg/__init__.py::g"),
 ])
 def test_calls_resolve_through_imports_also_in_a_fresh_atlas(start, rel, text, callee):
