@@ -1,4 +1,4 @@
-"""The session store under kills, signals and several processes at once (real child processes)."""
+"""The session store under kills and several processes at once (real child processes)."""
 
 import contextlib
 import itertools
@@ -109,33 +109,6 @@ def test_kills_at_random_moments_lose_nothing(project):
         depth = session.status()["depth"]
         assert depth == 0 or "error" not in session.rollback(depth)
     assert {p.name: p.read_text() for p in project.iterdir()} == initial
-
-
-SIGNAL_CHILD = """
-import os, signal, sys, time
-import editor
-from editor_session.session import Session
-real, calls = editor._pyflakes_errors, []
-def errors(path):
-    calls.append(path)
-    if len(calls) == 2:  # the gate now holds the first-touch text on disk
-        os.kill(os.getpid(), signal.SIGTERM)
-        time.sleep(10)
-    return real(path)
-editor._pyflakes_errors = errors
-Session.open(sys.argv[1]).check()
-"""
-
-
-# SIGINT and SIGHUP take the same handler.
-def test_a_signal_during_the_check_restores_the_current_text(project):
-    (project / "m.py").write_text("import os\n\nX = os.sep\n")
-    with contextlib.closing(Session.open(str(project))) as session:
-        session.edit("m.py", 3, None, "X = undefined_name\n")
-        child = python(SIGNAL_CHILD, project)
-        assert (child.communicate(timeout=60)[1], child.returncode) == ("", -signal.SIGTERM)
-        assert (project / "m.py").read_text() == "import os\n\nX = undefined_name\n"
-        assert session.check()["findings"] == ["m.py: python error: undefined name 'undefined_name' (line 3)"]
 
 
 EDITOR_PROCESS = """
