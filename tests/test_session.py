@@ -1,8 +1,6 @@
-"""The road of an edit end to end: the demo's session, session invariants across processes, the
-command line."""
+"""An edit end to end: session invariants across processes, the command line."""
 
 import contextlib
-import itertools
 import json
 import subprocess
 import sys
@@ -11,9 +9,9 @@ from pathlib import Path
 import pytest
 from hypothesis import HealthCheck, given, settings
 from hypothesis import strategies as st
-from helpers import write
 
 import srcatlas
+from editor_session import cli
 from editor_session.session import Session
 
 ROOT = Path(__file__).resolve().parent.parent
@@ -33,35 +31,8 @@ def tree(root):
 
 @pytest.fixture
 def opened():
-    """Session.open, with every session it opened closed at the end of the test."""
-    sessions = []
-    yield lambda root: sessions.append(Session.open(str(root))) or sessions[-1]
-    for session in sessions:
-        session.close()
-
-
-def test_demo_session(tmp_path, capsys):
-    root = demo.copy_sample(tmp_path)
-    r = demo.scripted_session(root)
-    with contextlib.closing(r["session"]) as session:
-        assert [(s["n"], bool(s.get("rolled_back"))) for s in session.ledger()["entries"]] == [
-            (1, False), (2, False), (3, True), (4, False), (5, True), (6, True)]
-    assert r["line_edit"]["static_diff"] == {"values_changed": ["models.py::MAX_ITEMS: '500' -> '800'"]}
-    assert r["broken"]["syntax"] == "SyntaxError: '(' was never closed (line 7)"
-    assert r["findings"][0] == "report.py: python error: undefined name 'format_total' (line 15)"
-    assert "carry" in r["findings"][1] and r["findings"][1].endswith("(line 9)")
-    assert [line for line in r["diff"].splitlines() if line.startswith("+++")] == [
-        "+++ b/inventory/discounts.py", "+++ b/inventory/models.py", "+++ b/inventory/report.py", "+++ b/src/checksum.c"]
-    assert r["rollback"]["restored"] == ["src/checksum.c", "inventory/report.py"] and r["findings_after_rollback"] == []
-    assert "Commit-time check" in capsys.readouterr().out
-
-
-def test_refused_write_leaves_no_snapshot_or_ledger_step(tmp_path, opened):
-    root = demo.copy_sample(tmp_path)
-    s, before = opened(root), tree(root)
-    for refused in (s.edit("models.py", 999, None, "x"), s.create("models.py", "x"), s.edit("../outside.py", 1, None, "x")):
-        assert "error" in refused
-    assert (s.status()["depth"], s.status()["touched"], s.ledger()["entries"], tree(root)) == (0, [], [], before)
+    with contextlib.ExitStack() as stack:  # every session opened is closed at the end of the test
+        yield lambda root: stack.enter_context(contextlib.closing(Session.open(str(root))))
 
 
 TOOL_CALLS = st.lists(
@@ -122,44 +93,7 @@ def test_command_line_keeps_the_session_between_calls(tmp_path):
 
 
 def test_command_line_prints_a_note_and_dangling_callers_as_whole_lines():
-    from editor_session import cli  # a note was once printed a character per line
+    # A note was once printed a character per line.
     assert cli._structure({"static_diff": {"note": "no structural change"}, "dangling": [
         {"symbol": "a.py::f", "callers": ["b.py::g"], "caller_count": 3}]}) == [
         "note: no structural change", "dangling: a.py::f is still called by b.py::g and 2 more"]
-
-
-INDEXED = {"pkg/__init__.py": "", "pkg/a.py": "def f():\n    return 1\n\nclass K:\n    def run(self):\n        return f()\n",
-           "pkg/b.py": "from pkg.a import f\n\ndef g():\n    return f()\n",
-           "app.py": "import pkg.b as m\nfrom pkg.a import K\n\ndef main():\n    m.g()\n    K().run()\n    thing.stop()\n",
-           "util.py": "class U:\n    def stop(self):\n        pass\n",
-           "other.py": "class O:\n    def stop(self):\n        pass\n"}
-# Each call moves names other files resolve through: a rename, a name becoming unique, a module
-# appearing and going, a rollback, imports rewritten.
-CALLS = [("edit", "pkg/a.py", "--start", "1", "--end", "1", "--content", "def f2():\n"),
-         ("create", "pkg/c.py", "--content", "def g():\n    pass\n"),
-         ("edit", "other.py", "--start", "2", "--end", "2", "--content", "    def halt(self):\n"),
-         ("delete", "util.py"), ("rollback", "1"),
-         ("edit", "app.py", "--start", "1", "--end", "1", "--content", "from util import U as thing\nimport pkg.c as m\n"),
-         ("edit", "pkg/b.py", "--start", "1", "--end", "1", "--content", "from pkg.a import f2 as f\n")]
-
-
-def test_command_line_reports_the_static_diffs_of_a_long_lived_session(tmp_path, opened):
-    """A process per call reads only the records its edit reaches; what it reports must not
-    depend on that."""
-    roots = [tmp_path / "long", tmp_path / "cli"]
-    for root, rel in itertools.product(roots, INDEXED):
-        write(root / rel, INDEXED[rel])
-    session, _ = opened(roots[0]), opened(roots[1]).close()
-    for tool, *args in CALLS:
-        options = dict(zip(args[1::2], args[2::2]))
-        if tool == "edit":
-            expected = session.edit(args[0], int(options["--start"]), int(options["--end"]), options["--content"])
-        elif tool == "create":
-            expected = session.create(args[0], options["--content"])
-        else:
-            expected = getattr(session, tool)(int(args[0]) if tool == "rollback" else args[0])
-        got = json.loads(run_cli(roots[1], "--json", tool, *args).stdout)
-        assert "error" not in expected and (got.get("static_diff"), got.get("restored")) == (
-            expected.get("static_diff"), expected.get("restored"))
-    assert all(any(entry["static_diff"].values()) for entry in session.ledger()["entries"])
-    assert srcatlas.enrich(opened(roots[1])._live.raw) == srcatlas.enrich(session._live.raw)

@@ -1,7 +1,4 @@
-"""The session store's promises inside one process: a call that dies half way leaves every file
-at its pre- or post-image after the next open, rollbacks and the ledger stay one-to-one, guards
-refuse before anything is written, and a store that cannot be used is refused with a message
-naming it."""
+"""The session store in one process: calls cut short, rollbacks against the ledger, guards, unusable stores."""
 
 import contextlib
 import os
@@ -11,7 +8,7 @@ import subprocess
 from pathlib import Path
 
 import pytest
-from helpers import immutable, tree_digest
+from helpers import immutable, tree_digest, write
 
 import editor
 import projstore
@@ -22,8 +19,8 @@ from editor_session.store import STORE_NAME, Store
 ROOT = Path(__file__).resolve().parent.parent
 
 
-class Killed(BaseException):
-    """Stands for the process dying at this point: nothing below catches it."""
+class Killed(BaseException):  # the process dying at this point: nothing below catches it
+    pass
 
 
 @pytest.fixture(autouse=True)
@@ -45,15 +42,8 @@ def proj(project):
 
 @pytest.fixture
 def opened():
-    """Session.open, with every session it opened closed at the end of the test."""
-    sessions = []
-
-    def open_(root, **options):
-        sessions.append(Session.open(str(root), **options))
-        return sessions[-1]
-    yield open_
-    for session in sessions:
-        session.close()
+    with contextlib.ExitStack() as stack:  # every session opened is closed at the end of the test
+        yield lambda root, **options: stack.enter_context(contextlib.closing(Session.open(str(root), **options)))
 
 
 def snapshot(top):
@@ -65,7 +55,7 @@ def die(*_args, **_kwargs):
 
 
 def dying(monkeypatch, owner, name, replacement=die):
-    """Makes `owner.name` die once; the original is back for the next call."""
+    # `owner.name` dies once; the original is back for the next call.
     original = getattr(owner, name)
 
     def once(*args, **kwargs):
@@ -138,13 +128,6 @@ def test_a_call_cut_short_leaves_the_pre_or_post_image(proj, tmp_path, opened, m
         assert all(e.get("rolled_back") for e in again.ledger()["entries"])
 
 
-def test_a_host_exception_after_the_write_is_a_step(proj, opened):
-    s = opened(proj)
-    result = s.create("deep.py", "x = " + "-" * 100000 + "1\n")
-    assert "Parser stack overflowed" in result["syntax"] and result["step"] == 1
-    assert s.rollback(1)["restored"] == ["deep.py (deleted)"]
-
-
 def test_partial_rollback_consumes_exactly_what_it_popped(proj, opened):
     s = opened(proj)
     for name in ("edit", "create", "edit_b", "lose_c"):  # step 2's file is removed behind our back
@@ -157,14 +140,15 @@ def test_partial_rollback_consumes_exactly_what_it_popped(proj, opened):
     assert all(e.get("rolled_back") for e in s.ledger()["entries"])
 
 
-def test_unreadable_ledger_is_moved_aside(proj, opened):
-    s = opened(proj)
-    ledger = projstore.project_dir(str(proj)) / editor.LEDGER_NAME
+def test_an_unreadable_ledger_or_a_host_exception_after_the_write_still_leaves_a_step(proj, opened):
+    s, ledger = opened(proj), projstore.project_dir(str(proj)) / editor.LEDGER_NAME
     ledger.write_bytes(b"\xff{ not json")
     result = STEPS["edit"](s)
     assert "moved aside" in result["notes"][0] and result["step"] == 1
-    backups = [p for p in ledger.parent.iterdir() if p.name.startswith(editor.LEDGER_NAME + ".unreadable-")]
-    assert [p.read_bytes() for p in backups] == [b"\xff{ not json"]
+    assert [p.read_bytes() for p in ledger.parent.glob(editor.LEDGER_NAME + ".unreadable-*")] == [b"\xff{ not json"]
+    result = s.create("deep.py", "x = " + "-" * 100000 + "1\n")
+    assert "Parser stack overflowed" in result["syntax"] and result["step"] == 2
+    assert s.rollback(1)["restored"] == ["deep.py (deleted)"]
 
 
 @pytest.mark.parametrize("step, rel", [(lambda s: s.edit("sub/b.py", 1, None, "B = undefined_name\n"), "sub/b.py"),
@@ -181,34 +165,28 @@ def test_files_swapped_out_of_the_root_are_left_alone(proj, opened, step, rel):
     assert tree_digest(proj.parent / "outside") == outside and s.status()["depth"] == 1
 
 
-def test_hard_links_are_refused_unless_allowed(proj, opened):
-    os.link(proj.parent / "outside" / "secret.txt", proj / "h.txt")
-    before = tree_digest(proj), tree_digest(proj.parent / "outside")
-    assert opened(proj).edit("h.txt", 1, None, "x\n") == {
-        "error": "h.txt has 2 hard links; editing it would change the other copies too"}
-    assert (tree_digest(proj), tree_digest(proj.parent / "outside")) == before
-    s = opened(proj, allow_hard_links=True)
-    assert s.edit("h.txt", 1, None, "changed\n")["step"] == 1
-    os.link(proj / "a.py", proj.parent / "outside" / "a_copy.py")
-    STEPS["edit"](s)
-    assert "hard links" not in str(s.rollback(1))
-    assert "has 2 hard links" in opened(proj).rollback(1)["error"]
-
-
-def test_special_files_are_refused_without_blocking(proj, opened):
+@pytest.mark.parametrize("make, said", [
+    (lambda p: os.link(write(p.parent.parent / "outside" / p.name, "x\n"), p),
+     "has 2 hard links; editing it would change the other copies too"),
+    (os.mkfifo, "is a named pipe, not a regular file -- the session reads and writes only regular files"),
+])
+def test_special_files_are_refused_without_blocking(proj, opened, make, said):
     s = opened(proj)
     STEPS["edit"](s)
-    os.mkfifo(proj / "p.py")
+    make(proj / "p.py")
     os.unlink(proj / "a.py")
-    os.mkfifo(proj / "a.py")
+    make(proj / "a.py")
+    before = tree_digest(proj), tree_digest(proj.parent / "outside")
     signal.alarm(20)  # a regression blocks on the pipe: fail instead of hanging
     try:
-        assert s.edit("p.py", 1, None, "x\n")["error"] == (
-            "p.py is a named pipe, not a regular file -- the session reads and writes only regular files")
-        for said in (s.check()["skipped"][0], s.diff()["skipped"][0], s.rollback(1)["error"]):
-            assert "a.py is a named pipe" in said
+        assert s.edit("p.py", 1, None, "x\n") == {"error": f"p.py {said}"}
+        assert (s.check()["skipped"], s.rollback(1)["error"]) == (
+            [f"a.py {said}"], f"rollback refused, nothing was restored: a.py {said}")
     finally:
         signal.alarm(0)
+    assert (tree_digest(proj), tree_digest(proj.parent / "outside")) == before
+    if make is not os.mkfifo:
+        assert opened(proj, allow_hard_links=True).rollback(1)["restored"] == ["a.py"]
 
 
 def old_schema(store):
@@ -256,23 +234,14 @@ def test_reset_settles_a_call_cut_short_then_forgets_the_session(proj, opened, m
     assert opened(proj).status()["depth"] == 1
 
 
-def test_store_from_before_the_names_table_is_brought_up_to_date(proj, opened):
-    s = opened(proj)
+def test_records_left_unread_in_an_old_or_reset_store_still_resolve_names(proj, opened):
+    s, edge = opened(proj), ["d.py::h -> a.py::A.run"]
     s.edit("a.py", 1, 1, "class A:\n    def run(self):\n        pass\n")
     s.close()
     with contextlib.closing(sqlite3.connect(projstore.project_dir(str(proj)) / STORE_NAME)) as conn:
         conn.executescript("DROP TABLE names; DELETE FROM meta WHERE key='names_of'; PRAGMA user_version=1;")
-    s = opened(proj)
-    assert s.create("d.py", "def h(x):\n    x.run()\n")["static_diff"]["edges_added"] == ["d.py::h -> a.py::A.run"]
-    s.close()
-    assert opened(proj).edit("a.py", 2, 2, "    def go(self):\n")["static_diff"]["edges_removed"] == [
-        "d.py::h -> a.py::A.run"]
-
-
-def test_reset_of_a_reopened_session_keeps_the_records_it_had_not_read(proj, opened):
-    (proj / "a.py").write_text("class A:\n    def run(self):\n        pass\n")
-    (proj / "c.py").write_text("def h(x):\n    x.run()\n")
-    opened(proj).close()
-    s = opened(proj)  # its records are still in the store, unread
+    assert opened(proj).create("d.py", "def h(x):\n    x.run()\n")["static_diff"]["edges_added"] == edge
+    assert opened(proj).edit("a.py", 2, 2, "    def go(self):\n")["static_diff"]["edges_removed"] == edge
+    s = opened(proj)  # its records are still in the store, unread: a reset must read them first
     assert "error" not in s.reset()
-    assert s.edit("a.py", 2, 2, "    def go(self):\n")["static_diff"]["edges_removed"] == ["c.py::h -> a.py::A.run"]
+    assert s.edit("a.py", 2, 2, "    def run(self):\n")["static_diff"]["edges_added"] == edge

@@ -1,6 +1,4 @@
-"""The stand-in indexer: what its maps hold, that updates never touch an IR in a snapshot, and
-that switching the incremental Atlas between raw IRs gives the same static diff as enriching both
-whole."""
+"""The stand-in indexer: its maps, updates that leave old IRs alone, Atlas.switch against enrich."""
 
 import json
 import shutil
@@ -23,64 +21,51 @@ def project(tmp_path):
 
 
 def test_maps_of_the_sample_project(project):
-    index = srcatlas.enrich(srcatlas.build(project))
+    (project / "broken.py").write_text("def f(:\n")
+    (project / "latin1.py").write_bytes(b"x = '\xe9'\n")
+    raw = srcatlas.build(project)
+    index = srcatlas.enrich(raw)
     edges = {(e["caller"], e["callee"]) for e in index["edges"]}
     assert {("inventory/pricing.py::total_value", "inventory/pricing.py::gross_value"),
             ("inventory/pricing.py::net_value", "inventory/util.py::round_money"),
             ("inventory/pricing.py::net_value", "inventory/models.py::Item.value")} <= edges
     # load_items exists once, but json.load is no project function: no edge to anything
     assert not any(caller.startswith("tools/") for caller, _ in edges)
-    assert {"inventory/models.py::MAX_ITEMS", "inventory/models.py::Warehouse.add", "inventory/report.py::render"} <= set(index["symbols"])
+    assert {"inventory/models.py::MAX_ITEMS", "inventory/models.py::Warehouse.add",
+            "inventory/report.py::render"} <= set(index["symbols"])
     assert index["defs"]["inventory/models.py::<module>"]["MAX_ITEMS"] == [{"line": 3, "rhs": "500"}]
     assert index["defs"]["static/style.css::css::.report td"] == {"padding": [{"line": 12, "rhs": "4px 8px"}]}
+    assert (raw["files"]["broken.py"]["symbols"], raw["files"]["latin1.py"]["kind"]) == ([], "file")
 
 
-@pytest.mark.parametrize("css, expected", [
-    ("a { color: red; }", {"css::a": {"color": [{"line": 1, "rhs": "red"}]}}),
-    ("/* x: y; */\np {\n  margin : 0 auto\n}", {"css::p": {"margin": [{"line": 3, "rhs": "0 auto"}]}}),
-    ("@media print {\n .x { display: none; }\n}", {"css::@media print .x": {"display": [{"line": 2, "rhs": "none"}]}}),
-    ("a { b: 1; b: 2; }", {"css::a": {"b": [{"line": 1, "rhs": "1"}, {"line": 1, "rhs": "2"}]}}),
-])
-def test_css_declarations(css, expected):
-    assert css_scopes(css) == expected
+def test_css_declarations():
+    css = "a { b: 1; b: 2; }\n/* x: y; */\np {\n  margin : 0 auto\n}\n@media print {\n .x { display: none; }\n}"
+    assert css_scopes(css) == {"css::a": {"b": [{"line": 1, "rhs": "1"}, {"line": 1, "rhs": "2"}]},
+                               "css::p": {"margin": [{"line": 4, "rhs": "0 auto"}]},
+                               "css::@media print .x": {"display": [{"line": 7, "rhs": "none"}]}}
 
 
-def test_update_reparses_one_file_and_leaves_the_old_ir_alone(project):
+def test_update_and_rebuild_reparse_only_what_changed_and_leave_the_old_ir_alone(project, monkeypatch):
     raw = srcatlas.build(project)
-    frozen = json.dumps(raw, sort_keys=True)
+    frozen, old = json.dumps(raw, sort_keys=True), raw["files"]
     models = project / "inventory" / "models.py"
     models.write_text(models.read_text().replace("MAX_ITEMS = 500", "MAX_ITEMS = 800\nLIMIT = 2"))
+    read, real = [], srcatlas.records._index_file
+    monkeypatch.setattr(srcatlas.records, "_index_file", lambda path: read.append(path) or real(path))
     new = srcatlas.update(raw, str(project), str(models))
-    assert json.dumps(raw, sort_keys=True) == frozen and new["files"]["inventory/pricing.py"] is raw["files"]["inventory/pricing.py"]
+    rebuilt = srcatlas.build(project, reuse=lambda rel, *stamp: old[rel] if (
+        old[rel]["size"], old[rel]["mtime_ns"]) == stamp else None)
+    assert read == [str(models)] * 2 and json.dumps(raw, sort_keys=True) == frozen and rebuilt == new
+    assert new["files"]["inventory/pricing.py"] is rebuilt["files"]["inventory/pricing.py"] is old["inventory/pricing.py"]
     defs = srcatlas.enrich(new)["defs"]["inventory/models.py::<module>"]
     assert defs["MAX_ITEMS"][0]["rhs"] == "800" and "LIMIT" in defs
-
-
-def test_removed_files_and_directories_leave_the_index(project):
-    raw = srcatlas.build(project)
     shutil.rmtree(project / "inventory")
-    new = srcatlas.update(raw, str(project), str(project / "inventory"))
+    new = srcatlas.update(new, str(project), str(project / "inventory"))
     assert not any(rel.startswith("inventory/") for rel in new["files"]) and "tools/util.py" in new["files"]
     (project / "inventory" / "deep").mkdir(parents=True)
     (project / "inventory" / "deep" / "x.py").write_text("def f(): pass\n")
     again = srcatlas.update(new, str(project), str(project / "inventory"))
     assert [rel for rel in again["files"] if rel.startswith("inventory/")] == ["inventory/deep/x.py"]
-
-
-def test_a_file_that_does_not_parse_has_no_symbols(project):
-    (project / "broken.py").write_text("def f(:\n")
-    (project / "latin1.py").write_bytes(b"x = '\xe9'\n")
-    files = srcatlas.build(project)["files"]
-    assert (files["broken.py"]["symbols"], files["latin1.py"]["kind"]) == ([], "file")
-
-
-def test_a_name_added_elsewhere_moves_no_edge_of_unrelated_files():
-    files = {"lib.py": "def helper(): pass\nclass Job:\n    def start(self): pass", "new.py": "X = 1",
-             "use.py": "from lib import helper, Job\ndef main(job: Job):\n    helper()\n    Job().start()"}
-    atlas = srcatlas.Atlas({"schema": srcatlas.SCHEMA, "files": {rel: index_python(text) for rel, text in files.items()}})
-    before, after = atlas.switch(step(atlas.raw, "new.py", "X = 1\ndef helper(): pass"))
-    assert not any(e["caller"].startswith("use.py") for e in before["edges"] + after["edges"])
-    assert atlas.callers(["lib.py::helper"]) == {"lib.py::helper": ["use.py::main"]}
 
 
 MODULES = ["pkg/__init__.py", "pkg/a.py", "pkg/b.py", "pkg/sub/__init__.py", "pkg/sub/c.py", "d.py"]
@@ -126,8 +111,8 @@ def diff(before, after):
 
 
 def names_table(raw, cap):
-    """A lookup of the callable names of `raw` as a store's table answers it; `cap` lowers the
-    limit below which ids are handed out, so that the atlas also counts names it holds no ids of."""
+    # The callable names of `raw` as a store's table answers them; `cap` lowers the limit below which
+    # ids are handed out, so that the atlas also counts names it holds no ids of.
     table = {}
     for rel, rec in raw["files"].items():
         for group, short, sid in srcatlas.callable_names(rel, rec):
@@ -158,22 +143,9 @@ def test_switching_matches_enriching_whole(cap, start, changes):
     assert atlas.enriched() == srcatlas.enrich(atlas.raw)
 
 
-def test_build_reads_only_files_whose_stamp_moved(tmp_path, monkeypatch):
-    for name in ("a.py", "b.py", "c.css"):
-        (tmp_path / name).write_text("def f():\n    pass\n" if name.endswith(".py") else "a { b: c; }")
-    first = srcatlas.build(tmp_path)
-    (tmp_path / "b.py").write_text("def g():\n    return f()\n")
-    read, real = [], srcatlas.records._index_file
-    monkeypatch.setattr(srcatlas.records, "_index_file", lambda path: read.append(path) or real(path))
-    old = first["files"]
-    again = srcatlas.build(tmp_path, reuse=lambda rel, *stamp: old[rel] if (old[rel]["size"], old[rel]["mtime_ns"]) == stamp else None)
-    assert read == [str(tmp_path / "b.py")] and again["files"]["a.py"] is old["a.py"]
-    assert srcatlas.enrich(again)["symbols"].keys() == {"a.py::f", "b.py::g"}
-
-
 ELSEWHERE = {"other.py": "def f():\n    pass\ndef g():\n    pass\nclass K:\n    def run(self):\n        pass\n"}
 TWICE = {"x.py": "def g(): pass", "y.py": "def g(): pass"}
-MAIN, G, MOD = "\ndef main():\n    ", "def g(): pass", {"pkg/mod.py": "def f(): pass"}
+MAIN, G, MOD, PKG = "\ndef main():\n    ", "def g(): pass", {"pkg/mod.py": "def f(): pass"}, {"pkg/__init__.py": ""}
 
 
 @pytest.mark.parametrize("start, rel, text, callee", [
@@ -183,7 +155,8 @@ MAIN, G, MOD = "\ndef main():\n    ", "def g(): pass", {"pkg/mod.py": "def f(): 
     (ELSEWHERE | MOD, "app.py", "import pkg.mod" + MAIN + "pkg.mod.f()", "pkg/mod.py::f"),
     (ELSEWHERE | MOD, "pkg/sub/app.py", "from ..mod import f" + MAIN + "f()", "pkg/mod.py::f"),
     (ELSEWHERE | MOD, "pkg/app.py", "from . import mod" + MAIN + "mod.f()", "pkg/mod.py::f"),
-    (ELSEWHERE | MOD | {"pkg/__init__.py": "from .mod import f"}, "app.py", "from pkg import f" + MAIN + "f()", "pkg/mod.py::f"),
+    (ELSEWHERE | MOD | {"pkg/__init__.py": "from .mod import f"}, "app.py", "from pkg import f" + MAIN + "f()",
+     "pkg/mod.py::f"),
     (ELSEWHERE | {"pkg/mod.py": "class K:\n    def run(self): pass"}, "app.py", "from pkg.mod import K" + MAIN + "K.run()",
      "pkg/mod.py::K.run"),
     (ELSEWHERE | MOD, "app.py", "from pkg.mod import f\ndef f(): pass" + MAIN + "f()", "app.py::f"),
@@ -194,17 +167,15 @@ MAIN, G, MOD = "\ndef main():\n    ", "def g(): pass", {"pkg/mod.py": "def f(): 
     (TWICE | {"pkg/b.py": "", "app.py": "import pkg.b as m" + MAIN + "m.g()"}, "pkg/b.py", G, "pkg/b.py::g"),
     (TWICE | {"pkg/__init__.py": "from .b import g as f", "pkg/b.py": "", "app.py": "from pkg import f" + MAIN + "f()"},
      "pkg/b.py", G, "pkg/b.py::g"),
-    (TWICE | {"pkg/__init__.py": "", "pkg/b.py": G, "app.py": "from pkg import g" + MAIN + "g()"},
+    (TWICE | PKG | {"pkg/b.py": G, "app.py": "from pkg import g" + MAIN + "g()"},
      "pkg/__init__.py", "from .b import *", "pkg/b.py::g"),
     ({"pkg/__init__.py": "from .b import g as f", "pkg/b.py": "", "app.py": "from pkg import f" + MAIN + "f()"},
      "other.py", G, "other.py::g"),
-    (TWICE | {"pkg/__init__.py": "", "pkg/b.py": G, "hub.py": "import pkg as P", "app.py": "from hub import P" + MAIN + "P.g()"},
+    (TWICE | PKG | {"pkg/b.py": G, "hub.py": "import pkg as P", "app.py": "from hub import P" + MAIN + "P.g()"},
      "pkg/__init__.py", "from .b import *", "pkg/b.py::g"),
-    (TWICE | {"pkg/__init__.py": "", "hub.py": "from pkg import *", "app.py": "from hub import g" + MAIN + "g()"},
+    (TWICE | PKG | {"hub.py": "from pkg import *", "app.py": "from hub import g" + MAIN + "g()"},
      "pkg/__init__.py", G, "pkg/__init__.py::g"),
-], ids=["from", "from-as", "import-as", "import-dotted", "relative-up", "relative-module", "re-export", "class-member",
-        "local-wins", "external", "ambiguous", "unique-method", "module-alias", "alias-re-export", "star-re-export",
-        "fallback-through-re-export", "star-through-alias", "through-star-importer"])
+])
 def test_calls_resolve_through_imports_also_in_a_fresh_atlas(start, rel, text, callee):
     old = {"schema": srcatlas.SCHEMA, "files": {name: record(body) for name, body in start.items()}}
     new = step(old, rel, text)
