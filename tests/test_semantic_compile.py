@@ -16,41 +16,27 @@ def scratch(tmp_path, monkeypatch):
     directory.mkdir()
     monkeypatch.setattr(tempfile, "tempdir", str(directory))
     yield directory
-    assert not [name for name in os.listdir(directory) if name.startswith("orvel_jc_")]
+    assert not os.listdir(directory)
 
 
 def compile_fake(exe, lang, path, cwd, args=()):
     return editor._compile_errors(str(exe), lang, editor._COMPILER_LANGS[lang], str(path), (list(args), str(cwd)))
 
 
-RECORDER = """\
-pwd > "{log}"
-for arg in "$0" "$@"; do printf '%s\\n' "$arg" >> "{log}"; done
-[ "$3" = -d ] && [ -d "$4" ] && echo "outdir exists" >> "{log}"
-exit 0
-"""
+# Logs the working directory, the argv, and where javac's output directory is while it runs.
+RECORDER = 'pwd > "{log}"\nprintf "%s\\n" "$0" "$@" >> "{log}"\n[ "$3" = -d ] && [ -d "$4" ] && dirname "$4" >> "{log}"\nexit 0\n'
 
 
-@pytest.mark.parametrize(
-    "lang, fixed",
-    [
-        ("c", ["-fsyntax-only", "-std=gnu11", "-w", "-fno-diagnostics-color"]),
-        ("cpp", ["-fsyntax-only", "-std=gnu++17", "-w", "-fno-diagnostics-color"]),
-        ("java", ["-proc:none", "-nowarn", "-d"]),
-    ],
-)
+@pytest.mark.parametrize("lang, fixed", [
+    ("c", ["-fsyntax-only", "-std=gnu11", "-w", "-fno-diagnostics-color"]),
+    ("cpp", ["-fsyntax-only", "-std=gnu++17", "-w", "-fno-diagnostics-color"]), ("java", ["-proc:none", "-nowarn", "-d"])])
 def test_command_line_and_working_directory(tmp_path, scratch, lang, fixed):
-    log = tmp_path / "argv.log"
-    exe = script(tmp_path / "bin", "compiler", RECORDER.format(log=log))
-    (tmp_path / "work").mkdir()
-    assert compile_fake(exe, lang, tmp_path / "x", tmp_path / "work", ["-I", "/some dir"]) == []
-    cwd, *argv = log.read_text().splitlines()
-    assert cwd == str(tmp_path / "work")
-    if lang == "java":
-        assert argv.pop() == "outdir exists"
-        outdir = argv.pop(4)
-        assert os.path.dirname(outdir) == str(scratch) and os.path.basename(outdir).startswith("orvel_jc_")
-    assert argv == [str(exe), *fixed, "-I", "/some dir", str(tmp_path / "x")]
+    exe = script(tmp_path / "bin", "compiler", RECORDER.format(log=tmp_path / "argv.log"))
+    assert compile_fake(exe, lang, tmp_path / "x", tmp_path / "bin", ["-I", "/some dir"]) == []
+    logged = (tmp_path / "argv.log").read_text().splitlines()
+    outdir = logged[5:6] if lang == "java" else []
+    assert logged == [str(tmp_path / "bin"), str(exe), *fixed, *outdir, "-I", "/some dir", str(tmp_path / "x"),
+                      *[str(scratch)] * len(outdir)]
 
 
 @pytest.mark.parametrize(
