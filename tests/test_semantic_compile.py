@@ -24,7 +24,8 @@ def compile_fake(exe, lang, path, cwd, args=()):
 
 
 # Logs the working directory, the argv, and where javac's output directory is while it runs.
-RECORDER = 'pwd > "{log}"\nprintf "%s\\n" "$0" "$@" >> "{log}"\n[ "$3" = -d ] && [ -d "$4" ] && dirname "$4" >> "{log}"\nexit 0\n'
+RECORDER = 'pwd > "{log}"\nprintf "%s\\n" "$0" "$@" >> "{log}"\n' \
+    '[ "$3" = -d ] && [ -d "$4" ] && dirname "$4" >> "{log}"\nexit 0\n'
 
 
 @pytest.mark.parametrize("lang, fixed", [
