@@ -99,7 +99,7 @@ CODE = st.lists(st.sampled_from(PIECES), max_size=40).map("".join)
 
 
 @settings(max_examples=1500, deadline=None)
-@given(CODE)
+@given(CODE | st.text())
 def test_any_text_tokenizes_the_same_or_is_rejected_by_the_tokenizer(text):
     regions = _embedded_regions(text)
     assert all(kind in ("css", "js", "html") and 0 <= line <= text.count("\n") for kind, _, line in regions)
@@ -108,12 +108,6 @@ def test_any_text_tokenizes_the_same_or_is_rejected_by_the_tokenizer(text):
     except (SyntaxError, tokenize.TokenError):
         return
     assert finder_literals(text) == expected
-
-
-@settings(max_examples=200, deadline=None)
-@given(st.text())
-def test_any_unicode_text_is_scanned(text):
-    assert isinstance(_embedded_regions(text), list)
 
 
 def test_scan_time_is_linear_on_a_pathological_literal():
