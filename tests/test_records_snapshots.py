@@ -60,16 +60,11 @@ def test_rollback_restores_the_tree_before_the_kth_newest_write(tmp_path):
         max_examples=60, stateful_step_count=12, deadline=None, suppress_health_check=list(HealthCheck)))
 
 
-@pytest.mark.parametrize("content, error", [(b"\xff not utf-8", UnicodeDecodeError), (None, IsADirectoryError)])
-def test_snapshot_of_an_unreadable_path_raises(tmp_path, content, error):
-    path = tmp_path / "target"
-    path.mkdir() if content is None else path.write_bytes(content)
-    with pytest.raises(error):
-        editor.take_snapshot({}, str(path))
-
-
 def test_crlf_comes_back_as_lf_and_a_failing_write_consumes_only_the_records_reached(tmp_path):
     path = tmp_path / "crlf.txt"
+    path.write_bytes(b"\xff not utf-8")
+    with pytest.raises(UnicodeDecodeError):
+        editor.take_snapshot({}, str(path))
     path.write_bytes(b"one\r\ntwo\rthree\n")
     stack = [editor.take_snapshot({}, None), editor.take_snapshot({}, str(path)),
              {"ts": 0.0, "path": str(tmp_path), "text_before": "x", "raw": 1}]
@@ -78,6 +73,8 @@ def test_crlf_comes_back_as_lf_and_a_failing_write_consumes_only_the_records_rea
         editor.rollback_steps(stack, 3)
     assert len(stack) == 2 and editor.rollback_steps(stack, 1) == {"restored": [str(path)], "raw": {}}
     assert path.read_bytes() == b"one\ntwo\nthree\n"
+    with pytest.raises(IsADirectoryError):
+        editor.take_snapshot({}, str(tmp_path))
 
 
 def test_undoing_a_creation_whose_file_is_gone_is_refused_after_earlier_restores(tmp_path):
@@ -90,13 +87,11 @@ def test_undoing_a_creation_whose_file_is_gone_is_refused_after_earlier_restores
     assert stack == [{"kept": True}] and edited.read_text() == "old"
 
 
+# Every record is checked before any file is written.
 @pytest.mark.parametrize("bad, steps, error", [
-    ("not a record", 3, TypeError),
-    ({"ts": 0.0, "text_before": None, "raw": 1}, 3, KeyError),
+    ("not a record", 3, TypeError), ({"ts": 0.0, "text_before": None, "raw": 1}, 3, KeyError),
     ({"ts": 0.0, "path": b"/bytes", "text_before": None, "raw": 1}, 3, TypeError),
-    ({"ts": 0.0, "path": "/x", "text_before": b"bytes", "raw": 1}, 3, TypeError),
-    (None, 2.0, TypeError),
-    (None, "2", TypeError),
+    ({"ts": 0.0, "path": "/x", "text_before": b"bytes", "raw": 1}, 3, TypeError), (None, 2.0, TypeError), (None, "2", TypeError),
 ])
 def test_bad_input_raises_with_files_and_stack_untouched(tmp_path, bad, steps, error):
     created, edited = tmp_path / "created.txt", tmp_path / "edited.txt"
