@@ -40,14 +40,10 @@ def finder_literals(text):
 
 
 TRICKY = [
-    "x = f'''{1 # c\n}''' + f'{x:{\"a\"}>10}'\n",
-    'x = f"\\N{EM DASH}{y}" + rf"\\{y}" + f"\\{y}"\n',
-    'x = t"{a}b" + T"{a!r:>{w}}" + Rt"{{}}"\n',
-    'x = "ab\\\ncd" + \'\\\'\' + """a"b""c\\""""\n',
-    "x = f\"{x['a']}\" \"b\" + f\"{'''a\nb'''}\"\n",
-    "x = rb'\\'' + Rb'''a''' + bR\"x\" + u'a' + U'b'\n",
-    "ab = 1; ab'x'; xr'y'; brb'w'; é = 'a'; éb'b'\n",
-    "# 'not a literal'\nx = '#not a comment' # \"nor this\"\n",
+    "x = f'''{1 # c\n}''' + f'{x:{\"a\"}>10}'\n", 'x = f"\\N{EM DASH}{y}" + rf"\\{y}" + f"\\{y}"\n',
+    'x = t"{a}b" + T"{a!r:>{w}}" + Rt"{{}}"\n', 'x = "ab\\\ncd" + \'\\\'\' + """a"b""c\\""""\n',
+    "x = f\"{x['a']}\" \"b\" + f\"{'''a\nb'''}\"\n", "x = rb'\\'' + Rb'''a''' + bR\"x\" + u'a' + U'b'\n",
+    "ab = 1; ab'x'; xr'y'; brb'w'; é = 'a'; éb'b'\n", "# 'not a literal'\nx = '#not a comment' # \"nor this\"\n",
     "x = f'{a:{b:{c}}}' f'{ {1: 2}[1] }' f'{[i for i in (1, 2)][0]:x}'\n",
 ]
 
@@ -105,7 +101,7 @@ def test_any_text_tokenizes_the_same_or_is_rejected_by_the_tokenizer(text):
     assert all(kind in ("css", "js", "html") and 0 <= line <= text.count("\n") for kind, _, line in regions)
     try:
         expected = tokenizer_literals(text)
-    except (SyntaxError, tokenize.TokenError):
+    except (SyntaxError, tokenize.TokenError, UnicodeDecodeError):  # the last: the tokenizer trips on a lone "\r"
         return
     assert finder_literals(text) == expected
 

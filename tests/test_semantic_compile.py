@@ -40,19 +40,14 @@ def test_command_line_and_working_directory(tmp_path, scratch, lang, fixed):
                       *[str(scratch)] * len(outdir)]
 
 
-@pytest.mark.parametrize(
-    "body, expected",
-    [
+@pytest.mark.parametrize("body, expected", [
         ("echo 'f.c:1:1: error: looks bad' >&2\nexit 0\n", []),  # exit status 0 means clean
         ("echo 'f.c:1:1: error: out'\necho 'f.c:2:5: fatal error: err' >&2\necho 'f.c:2:5: error: err' >&2\nexit 1\n",
          [("err", 2), ("err", 2), ("out", 1)]),  # standard error first, repeats kept
         ("printf 'f.c:3:1: error:   bad \\377 byte  \\n' >&2\nexit 1\n", [("bad \ufffd byte", 3)]),
-        ("echo 'f.c:3:1: warning: w' >&2\necho 'f.c: note: n' >&2\nexit 1\n", None),
-        ("kill -SEGV $$\n", None),
+        ("echo 'f.c:3:1: warning: w' >&2\necho 'f.c: note: n' >&2\nexit 1\n", None), ("kill -SEGV $$\n", None),
         # Not evaluated: not executable, absent, or the working directory is gone.
-        ("plain", None), ("absent", None), ("no-such-dir", None),
-    ],
-)
+        ("plain", None), ("absent", None), ("no-such-dir", None)])
 def test_exit_status_output_formats_and_unrunnable_compilers(tmp_path, body, expected):
     exe = script(tmp_path / "bin", "cc", "exit 1\n" if body == "no-such-dir" else body)
     if body in ("plain", "absent"):
