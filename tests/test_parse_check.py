@@ -1,8 +1,6 @@
 # The syntax check after a write: the host's compiler for Python, tree-sitter elsewhere, deltas
 # against the text before the edit, and the web code held in Python strings.
 
-import threading
-
 import pytest
 
 import editor
@@ -86,12 +84,3 @@ def test_delta_against_the_text_before(write, name, before, after, expected):
     assert editor.syntax_check(path, before_text=before) == expected
     if name == "m.py" and "(\n" not in after:  # without a baseline the embedded code is not checked
         assert editor.syntax_check(path) == "ok"
-
-
-def test_runs_on_the_deep_stack_and_reaches_operations_through_the_module(write, monkeypatch):
-    seen, python = [], write("m.py", "x = (\n")
-    # A check made from inside a check runs in place on the deep stack.
-    monkeypatch.setattr(editor, "_native_language", lambda ext: seen.append(
-        (ext, threading.current_thread().name, editor.syntax_check(python))) or "c")
-    assert editor.syntax_check(write("m.weird", "int x = ;"), before_text=None) == f"c {MISSING} (line 1)"
-    assert seen == [(".weird", "deeprun", "SyntaxError: '(' was never closed (line 1)")]

@@ -1,6 +1,5 @@
 import re
 import shutil
-import zipfile
 
 import pytest
 
@@ -65,10 +64,7 @@ def test_compiled_errors_count_by_message_not_by_line(project, tmp_path, monkeyp
 
 def test_java_in_a_maven_layout(project, tmp_path, monkeypatch):
     monkeypatch.setattr("tempfile.tempdir", str(tmp_path))
-    (project / "target" / "classes").mkdir(parents=True)
-    (project / "target" / "dependency").mkdir()
-    with zipfile.ZipFile(project / "target" / "dependency" / "dep.jar", "w") as jar:
-        jar.writestr("META-INF/MANIFEST.MF", "Manifest-Version: 1.0\n")
+    (project / "target" / "classes").mkdir(parents=True)  # the class path's exact make-up: test_semantic_context
     java = project / "src" / "main" / "java" / "com" / "acme"
     write(java / "util" / "Strings.java", "package com.acme.util;\n\npublic class Strings {\n"
           "    public static String shout(String s) { return s.toUpperCase(); }\n}\n")
