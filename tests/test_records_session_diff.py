@@ -6,7 +6,7 @@ import pytest
 from hypothesis import given, settings
 
 import editor
-from helpers import file_text, tree_digest
+from helpers import file_text, tree_digest, write
 
 
 def unified(before, after, name):
@@ -26,16 +26,13 @@ def test_one_file_matches_difflib(before, after):
 
 def test_path_order_created_deleted_unchanged_same_names_and_backslashes(tmp_path, monkeypatch):
     monkeypatch.chdir(tmp_path)
-    now = {"z/new.py": "one\ntwo\n", "b/app.py": "x = 2\n", "a/app.py": "y = 2\n", "a/keep.py": "same\n",
-           "C:\\proj\\win.py": "w\n", "a/gone.py": ""}
+    now = {"z/new.py": "one\ntwo\n", "b/app.py": "x = 2\n", "a/app.py": "y = 2\n", "a/keep.py": "same\n", "C:\\proj\\win.py": "w\n"}
     touched = {"z/new.py": None, "a/gone.py": "old\nlines\n", "b/app.py": "x = 1\n", "a/app.py": "y = 1\n",
                "a/keep.py": "same\n", "C:\\proj\\win.py": "v\n"}
     for path, text in now.items():
-        Path(path).parent.mkdir(exist_ok=True)
-        if text:
-            Path(path).write_text(text)
+        write(path, text)
     assert editor.session_diff(touched).split("\n\n") == [
-        unified(touched[path] or "", now[path], path.replace("\\", "/").split("/")[-1]) for path in sorted(touched)
+        unified(touched[path] or "", now.get(path, ""), path.replace("\\", "/").split("/")[-1]) for path in sorted(touched)
         if path != "a/keep.py"]
 
 
