@@ -69,9 +69,7 @@ SHORT = "a{b:c;}"
 '''
 
 
-@pytest.mark.parametrize(
-    ("text", "regions"),
-    [
+@pytest.mark.parametrize(("text", "regions"), [
         (SOURCE, [("html", "<!doctype html>\n<html><body><p>hi</p></body></html>\n", 1),
                   ("css", "body { margin: 0; }", 4), ("js", "function go() { document.title = 'x'; }", 5),
                   ("css", "\n.card { color: _; width: _\npx; }\n", 6), ("css", "a{b:c;}", 11)]),
@@ -80,8 +78,7 @@ SHORT = "a{b:c;}"
         ("x = f'{a:\n}'\ny = 'd { e: f; }'\n", [("css", "d { e: f; }", 2)]),
         ('x = """never closed { a: b; }\ny = "d { e: f; }"\n', []),
         ("x = f'{a\n", []),
-    ],
-)
+])
 def test_regions_kinds_lines_and_template_text(text, regions):
     assert _embedded_regions(text) == regions
 

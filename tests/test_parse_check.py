@@ -14,15 +14,12 @@ def write(tmp_path):
     return lambda name, text: str(helpers.write(tmp_path / name, text))
 
 
-@pytest.mark.parametrize(
-    ("name", "text", "expected"),
-    [
+@pytest.mark.parametrize(("name", "text", "expected"), [
         ("A.PY", "x = (\n", "SyntaxError: '(' was never closed (line 1)"), ("page.htm", "<p>hi</p>\n", "ok"),
         ("clean.py", 'STYLE = "a { color: red; }}"\n', "ok"), ("Makefile", "all:\n", None), ("data.xyz", "{{{", None),
         ("new.c", "int main(void) {\n  return 0;\n", f"c {MISSING} (line 2)"),
         ("new.JS", "let a = @;\n", f"javascript {UNEXPECTED} (line 1)"),
-    ],
-)
+])
 def test_check_chosen_by_lower_cased_extension(write, name, text, expected):
     assert editor.syntax_check(write(name, text)) == expected
 
@@ -55,9 +52,7 @@ def ask(model):
 STYLES = 'import os\nLEGACY = ".card { color: red; }}"\nBANNER = "h1 { color: red; }"\nSTYLE = "body { margin: 0; }"\n'
 
 
-@pytest.mark.parametrize(
-    ("name", "before", "after", "expected"),
-    [
+@pytest.mark.parametrize(("name", "before", "after", "expected"), [
         # An error that was already there cancels; the edit elsewhere passes.
         ("m.c", C_BEFORE, C_BEFORE.replace("return 1", "return 2"), "ok"),
         # One more of the same kind is reported at that kind's first line in the new text.
@@ -77,8 +72,7 @@ STYLES = 'import os\nLEGACY = ".card { color: red; }}"\nBANNER = "h1 { color: re
         # One more broken CSS region: reported at the first such region, an older one above.
         ("m.py", STYLES, STYLES.replace("margin: 0; }", "margin: 0; }}"), f"embedded css {UNEXPECTED} (line 2)"),
         ("m.py", STYLES, STYLES.replace("h1 { color: red; }", "h1 { color: red;"), f"embedded css {MISSING} (line 3)"),
-    ],
-)
+])
 def test_delta_against_the_text_before(write, name, before, after, expected):
     path = write(name, after)
     assert editor.syntax_check(path, before_text=before) == expected

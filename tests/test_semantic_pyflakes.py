@@ -7,9 +7,7 @@ import editor
 from helpers import write
 
 
-@pytest.mark.parametrize(
-    "source, expected",
-    [
+@pytest.mark.parametrize("source, expected", [
         ("import os\n\ndef f():\n    unused = 1\n", []), ("def broken(:\n    pass\n", []),
         ("print(ghost)\n" + "\n" * 10 + "print(ghost)\n", [("undefined name 'ghost'", 1), ("undefined name 'ghost'", 12)]),
         ("x = 1\nreturn x\n", [("'return' outside function", 2)]),
@@ -17,8 +15,7 @@ from helpers import write
         ("def f(a, a):\n    pass\n", [("duplicate argument 'a' in function definition", 1)]),
         ("__all__ = ['nowhere']\n", [("undefined name 'nowhere' in __all__", 1)]),
         ("for i in []:\n    pass\nbreak\n", [("'break' outside loop", 3)]),
-    ],
-)
+])
 def test_only_semantic_errors_are_reported(tmp_path, source, expected):
     assert editor._pyflakes_errors(str(write(tmp_path / "m.py", source))) == expected
 
