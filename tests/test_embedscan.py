@@ -35,10 +35,6 @@ def tokenizer_literals(text):
     return spans
 
 
-def finder_literals(text):
-    return [(start, end) for start, end, _, _ in _literals(text)]
-
-
 TRICKY = [
     "x = f'''{1 # c\n}''' + f'{x:{\"a\"}>10}'\n", 'x = f"\\N{EM DASH}{y}" + rf"\\{y}" + f"\\{y}"\n',
     'x = t"{a}b" + T"{a!r:>{w}}" + Rt"{{}}"\n', 'x = "ab\\\ncd" + \'\\\'\' + """a"b""c\\""""\n',
@@ -50,7 +46,7 @@ TRICKY = [
 
 @pytest.mark.parametrize("text", TRICKY)
 def test_literals_match_the_tokenizer(text):
-    assert finder_literals(text) == tokenizer_literals(text)
+    assert [(start, end) for start, end, _, _ in _literals(text)] == tokenizer_literals(text)
 
 
 SOURCE = '''\
@@ -100,7 +96,7 @@ def test_any_text_tokenizes_the_same_or_is_rejected_by_the_tokenizer(text):
         expected = tokenizer_literals(text)
     except (SyntaxError, tokenize.TokenError, UnicodeDecodeError):  # the last: the tokenizer trips on a lone "\r"
         return
-    assert finder_literals(text) == expected
+    assert [(start, end) for start, end, _, _ in _literals(text)] == expected
 
 
 def test_scan_time_is_linear_on_a_pathological_literal():

@@ -65,7 +65,8 @@ def test_java_context_source_path(tmp_path, relative, text, source_root):
         (root / relative).mkdir()
     elif text is not None:
         write(root / relative, text)
-    assert editor._java_context(str(root / relative)) == (source_root and (["-sourcepath", str(root / source_root)], str(root)))
+    expected = source_root and (["-sourcepath", str(root / source_root)], str(root))
+    assert editor._java_context(str(root / relative)) == expected
 
 
 def test_java_source_that_is_not_utf8_raises(tmp_path):
