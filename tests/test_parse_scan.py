@@ -80,15 +80,12 @@ def broken_pack(exc):
         # The package is imported at every call, so replacing it after a first use takes effect.
         ("c", "int x = ;", None), ("c", "int x = ;", broken_pack(RuntimeError("no parser"))),
         ("c", "int x = ;", SimpleNamespace())])
-def test_what_cannot_be_judged_reports_nothing(monkeypatch, language, text, pack):
+def test_what_cannot_be_judged_reports_nothing_but_interrupts_propagate(monkeypatch, language, text, pack):
     if pack is not ...:
         assert editor._treesitter_error("c", text) is not None
         monkeypatch.setitem(sys.modules, "tree_sitter_language_pack", pack)
     assert editor._treesitter_error(language, text) is None
     assert editor._treesitter_error_counts(language, text) == (Counter(), {})
-
-
-def test_interrupts_inside_the_guard_propagate(monkeypatch):
     monkeypatch.setitem(sys.modules, "tree_sitter_language_pack", broken_pack(KeyboardInterrupt()))
     with pytest.raises(KeyboardInterrupt):
         editor._treesitter_error("c", "int x;")

@@ -18,11 +18,10 @@ UNEXPECTED, MISSING = "unexpected syntax", "missing bracket/token"
     ({".css": ""}, ".css", "css"), ({}, ".ts", "typescript"), ({".ts": None}, ".ts", None), ({}, ".JS", None),
 ])
 def test_native_language_prefers_the_host_table(monkeypatch, host_entries, ext, expected):
-    for key, value in host_entries.items():
+    for key, value in host_entries.items():  # None: the host's table lacks the entry
+        monkeypatch.setitem(langtable.EXTENSION_TO_LANGUAGE, key, value)
         if value is None:
             monkeypatch.delitem(langtable.EXTENSION_TO_LANGUAGE, key)
-        else:
-            monkeypatch.setitem(langtable.EXTENSION_TO_LANGUAGE, key, value)
     assert editor._native_language(ext) == expected
 
 

@@ -28,9 +28,9 @@ def test_path_order_created_deleted_unchanged_same_names_and_backslashes(tmp_pat
     monkeypatch.chdir(tmp_path)
     now = {"z/new.py": "one\ntwo\n", "b/app.py": "x = 2\n", "a/app.py": "y = 2\n", "C:\\proj\\win.py": "w\n",
            # Changes that line splitting cannot see give no chunk.
-           "same/keep.py": "same\n", "same/crlf.py": "a\r\nb\r\n", "same/final-newline.py": "a\nb"}
+           "same/keep.py": "same\n", "same/crlf.py": "a\r\nb\r\n", "same/eol.py": "a\nb"}
     touched = {"z/new.py": None, "a/gone.py": "old\nlines\n", "b/app.py": "x = 1\n", "a/app.py": "y = 1\n",
-               "C:\\proj\\win.py": "v\n", "same/keep.py": "same\n", "same/crlf.py": "a\nb\n", "same/final-newline.py": "a\nb\n"}
+               "C:\\proj\\win.py": "v\n", "same/keep.py": "same\n", "same/crlf.py": "a\nb\n", "same/eol.py": "a\nb\n"}
     for path, text in now.items():
         write(path, text)
     assert editor.session_diff(touched).split("\n\n") == [

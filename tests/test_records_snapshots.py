@@ -47,11 +47,12 @@ class SnapshotMachine(RuleBasedStateMachine):
 
     @rule(steps=st.integers(-3, 12))
     def refused(self, steps):
-        if 1 <= steps <= len(self.stack):
-            return
         tree, stack = tree_digest(self.root), list(self.stack)
-        message = "steps must be >= 1" if steps < 1 else f"only {len(stack)} step(s) on the snapshot stack"
-        assert editor.rollback_steps(self.stack, steps) == {"error": message}
+        with pytest.raises(TypeError):  # every record is checked before any file is written
+            editor.rollback_steps(["not a record", *self.stack], len(self.stack) + 1)
+        if not 1 <= steps <= len(self.stack):
+            message = "steps must be >= 1" if steps < 1 else f"only {len(stack)} step(s) on the snapshot stack"
+            assert editor.rollback_steps(self.stack, steps) == {"error": message}
         assert tree_digest(self.root) == tree and self.stack == stack
 
 

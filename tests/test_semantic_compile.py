@@ -12,8 +12,7 @@ from helpers import script
 @pytest.fixture
 def scratch(tmp_path, monkeypatch):
     # The temporary directory javac's class output goes to, watched for leftovers.
-    directory = tmp_path / "tmp"
-    directory.mkdir()
+    (directory := tmp_path / "tmp").mkdir()
     monkeypatch.setattr(tempfile, "tempdir", str(directory))
     yield directory
     assert not os.listdir(directory)
@@ -56,7 +55,7 @@ def test_exit_status_output_formats_and_unrunnable_compilers(tmp_path, body, exp
     assert compile_fake(exe, "c", tmp_path / "f.c", cwd) == expected
 
 
-def test_time_limit_kills_the_compiler(tmp_path, scratch, monkeypatch):
+def test_time_limit_kills_the_compiler_and_other_failures_propagate_after_cleanup(tmp_path, scratch, monkeypatch):
     requested = []
 
     def run(*args, **kwargs):  # the host's own run, with the limit cut short so the suite stays quick
@@ -69,9 +68,7 @@ def test_time_limit_kills_the_compiler(tmp_path, scratch, monkeypatch):
     assert compile_fake(exe, "java", tmp_path / "f", tmp_path) is None and requested == [60]
     with pytest.raises(ProcessLookupError):
         os.kill(int(pid_file.read_text()), 0)
-
-
-def test_other_failures_propagate_after_cleanup(tmp_path, scratch, monkeypatch):
+    # Other failures propagate, after the output directory is removed, without running the compiler.
     log = tmp_path / "ran"
     exe = script(tmp_path / "bin", "javac", f'touch "{log}"\n')
     with pytest.raises(ValueError):  # a NUL in the working directory is no OSError
