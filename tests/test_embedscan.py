@@ -35,26 +35,13 @@ def tokenizer_literals(text):
     return spans
 
 
-def finder_literals(text):
-    return [(start, end) for start, end, _, _ in _literals(text)]
-
-
 TRICKY = [
-    "x = f'''{1 # c\n}''' + f'{x:{\"a\"}>10}'\n",
-    'x = f"\\N{EM DASH}{y}" + rf"\\{y}" + f"\\{y}"\n',
-    'x = t"{a}b" + T"{a!r:>{w}}" + Rt"{{}}"\n',
-    'x = "ab\\\ncd" + \'\\\'\' + """a"b""c\\""""\n',
-    "x = f\"{x['a']}\" \"b\" + f\"{'''a\nb'''}\"\n",
-    "x = rb'\\'' + Rb'''a''' + bR\"x\" + u'a' + U'b'\n",
-    "ab = 1; ab'x'; xr'y'; brb'w'; é = 'a'; éb'b'\n",
-    "# 'not a literal'\nx = '#not a comment' # \"nor this\"\n",
+    "x = f'''{1 # c\n}''' + f'{x:{\"a\"}>10}'\n", 'x = f"\\N{EM DASH}{y}" + rf"\\{y}" + f"\\{y}"\n',
+    'x = t"{a}b" + T"{a!r:>{w}}" + Rt"{{}}"\n', 'x = "ab\\\ncd" + \'\\\'\' + """a"b""c\\""""\n',
+    "x = f\"{x['a']}\" \"b\" + f\"{'''a\nb'''}\"\n", "x = rb'\\'' + Rb'''a''' + bR\"x\" + u'a' + U'b'\n",
+    "ab = 1; ab'x'; xr'y'; brb'w'; é = 'a'; éb'b'\n", "# 'not a literal'\nx = '#not a comment' # \"nor this\"\n",
     "x = f'{a:{b:{c}}}' f'{ {1: 2}[1] }' f'{[i for i in (1, 2)][0]:x}'\n",
 ]
-
-
-@pytest.mark.parametrize("text", TRICKY)
-def test_literals_match_the_tokenizer(text):
-    assert finder_literals(text) == tokenizer_literals(text)
 
 
 SOURCE = '''\
@@ -73,9 +60,7 @@ SHORT = "a{b:c;}"
 '''
 
 
-@pytest.mark.parametrize(
-    ("text", "regions"),
-    [
+@pytest.mark.parametrize(("text", "regions"), [
         (SOURCE, [("html", "<!doctype html>\n<html><body><p>hi</p></body></html>\n", 1),
                   ("css", "body { margin: 0; }", 4), ("js", "function go() { document.title = 'x'; }", 5),
                   ("css", "\n.card { color: _; width: _\npx; }\n", 6), ("css", "a{b:c;}", 11)]),
@@ -84,8 +69,7 @@ SHORT = "a{b:c;}"
         ("x = f'{a:\n}'\ny = 'd { e: f; }'\n", [("css", "d { e: f; }", 2)]),
         ('x = """never closed { a: b; }\ny = "d { e: f; }"\n', []),
         ("x = f'{a\n", []),
-    ],
-)
+])
 def test_regions_kinds_lines_and_template_text(text, regions):
     assert _embedded_regions(text) == regions
 
@@ -99,21 +83,15 @@ CODE = st.lists(st.sampled_from(PIECES), max_size=40).map("".join)
 
 
 @settings(max_examples=1500, deadline=None)
-@given(CODE)
+@given(CODE | st.text() | st.sampled_from(TRICKY))
 def test_any_text_tokenizes_the_same_or_is_rejected_by_the_tokenizer(text):
     regions = _embedded_regions(text)
     assert all(kind in ("css", "js", "html") and 0 <= line <= text.count("\n") for kind, _, line in regions)
     try:
         expected = tokenizer_literals(text)
-    except (SyntaxError, tokenize.TokenError):
+    except (SyntaxError, tokenize.TokenError, UnicodeDecodeError):  # the last: the tokenizer trips on a lone "\r"
         return
-    assert finder_literals(text) == expected
-
-
-@settings(max_examples=200, deadline=None)
-@given(st.text())
-def test_any_unicode_text_is_scanned(text):
-    assert isinstance(_embedded_regions(text), list)
+    assert [(start, end) for start, end, _, _ in _literals(text)] == expected
 
 
 def test_scan_time_is_linear_on_a_pathological_literal():

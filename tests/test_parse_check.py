@@ -1,37 +1,25 @@
 # The syntax check after a write: the host's compiler for Python, tree-sitter elsewhere, deltas
 # against the text before the edit, and the web code held in Python strings.
 
-import threading
-
 import pytest
 
 import editor
+import helpers
 
 MISSING, UNEXPECTED = "missing bracket/token", "unexpected syntax"
 
 
 @pytest.fixture
 def write(tmp_path):
-    def write(name, text):
-        path = tmp_path / name
-        path.write_bytes(text.encode() if isinstance(text, str) else text)
-        return str(path)
-
-    return write
+    return lambda name, text: str(helpers.write(tmp_path / name, text))
 
 
-@pytest.mark.parametrize(
-    ("name", "text", "expected"),
-    [
-        ("A.PY", "x = (\n", "SyntaxError: '(' was never closed (line 1)"),
-        ("clean.py", 'STYLE = "a { color: red; }}"\n', "ok"),
+@pytest.mark.parametrize(("name", "text", "expected"), [
+        ("A.PY", "x = (\n", "SyntaxError: '(' was never closed (line 1)"), ("page.htm", "<p>hi</p>\n", "ok"),
+        ("clean.py", 'STYLE = "a { color: red; }}"\n', "ok"), ("Makefile", "all:\n", None), ("data.xyz", "{{{", None),
         ("new.c", "int main(void) {\n  return 0;\n", f"c {MISSING} (line 2)"),
         ("new.JS", "let a = @;\n", f"javascript {UNEXPECTED} (line 1)"),
-        ("page.htm", "<p>hi</p>\n", "ok"),
-        ("Makefile", "all:\n", None),
-        ("data.xyz", "{{{", None),
-    ],
-)
+])
 def test_check_chosen_by_lower_cased_extension(write, name, text, expected):
     assert editor.syntax_check(write(name, text)) == expected
 
@@ -39,8 +27,9 @@ def test_check_chosen_by_lower_cased_extension(write, name, text, expected):
 def test_unreadable_and_undecodable_files_and_compiler_faults(write, tmp_path, monkeypatch):
     assert editor.syntax_check(str(tmp_path)) is None
     assert editor.syntax_check(str(tmp_path / "gone.py"), before_text="x = 1\n") is None
+    (tmp_path / "latin.py").write_bytes(b"x = '\xe9'\n")
     with pytest.raises(UnicodeDecodeError):
-        editor.syntax_check(write("latin.py", b"x = '\xe9'\n"))
+        editor.syntax_check(str(tmp_path / "latin.py"))
 
     def compile(*args):
         raise ValueError("compiler broke")
@@ -63,9 +52,7 @@ def ask(model):
 STYLES = 'import os\nLEGACY = ".card { color: red; }}"\nBANNER = "h1 { color: red; }"\nSTYLE = "body { margin: 0; }"\n'
 
 
-@pytest.mark.parametrize(
-    ("name", "before", "after", "expected"),
-    [
+@pytest.mark.parametrize(("name", "before", "after", "expected"), [
         # An error that was already there cancels; the edit elsewhere passes.
         ("m.c", C_BEFORE, C_BEFORE.replace("return 1", "return 2"), "ok"),
         # One more of the same kind is reported at that kind's first line in the new text.
@@ -85,24 +72,9 @@ STYLES = 'import os\nLEGACY = ".card { color: red; }}"\nBANNER = "h1 { color: re
         # One more broken CSS region: reported at the first such region, an older one above.
         ("m.py", STYLES, STYLES.replace("margin: 0; }", "margin: 0; }}"), f"embedded css {UNEXPECTED} (line 2)"),
         ("m.py", STYLES, STYLES.replace("h1 { color: red; }", "h1 { color: red;"), f"embedded css {MISSING} (line 3)"),
-    ],
-)
+])
 def test_delta_against_the_text_before(write, name, before, after, expected):
     path = write(name, after)
     assert editor.syntax_check(path, before_text=before) == expected
     if name == "m.py" and "(\n" not in after:  # without a baseline the embedded code is not checked
         assert editor.syntax_check(path) == "ok"
-
-
-def test_runs_on_the_deep_stack_and_reaches_operations_through_the_module(write, monkeypatch):
-    seen = []
-
-    def native_language(ext):
-        # A check made from inside a check runs in place on the deep stack.
-        seen.append((ext, threading.current_thread().name, editor.syntax_check(python)))
-        return "c"
-
-    python = write("m.py", "x = (\n")
-    monkeypatch.setattr(editor, "_native_language", native_language)
-    assert editor.syntax_check(write("m.weird", "int x = ;"), before_text=None) == f"c {MISSING} (line 1)"
-    assert seen == [(".weird", "deeprun", "SyntaxError: '(' was never closed (line 1)")]

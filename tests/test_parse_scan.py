@@ -1,7 +1,5 @@
 # Tree-sitter error scans over the real grammars and over hand-built trees.
 
-import os
-import subprocess
 import sys
 from collections import Counter
 from types import SimpleNamespace
@@ -49,9 +47,7 @@ def test_the_walk_keeps_its_own_bounded_stack():
     assert editor._treesitter_error("python", "x = (") == (1, UNEXPECTED)
 
 
-@pytest.mark.parametrize(
-    ("language", "text", "first", "counts", "sample"),
-    [
+@pytest.mark.parametrize(("language", "text", "first", "counts", "sample"), [
         ("c", "int main(void) {\n  return 0;\n", (2, MISSING), {MISSING: 1}, {MISSING: 2}),
         # An ERROR node holding a missing node is one unexpected-syntax error.
         ("c", "int f() { return (1 + ; }\n", (1, UNEXPECTED), {UNEXPECTED: 1}, {UNEXPECTED: 1}),
@@ -59,13 +55,15 @@ def test_the_walk_keeps_its_own_bounded_stack():
         ("javascript", "f(1;\nlet b = 2;\nlet c = @;\nlet d = @;\n", (1, MISSING), {MISSING: 1, UNEXPECTED: 2},
          {MISSING: 1, UNEXPECTED: 3}),
         ("html", "<div>\n<p>a</div>\n<", (3, UNEXPECTED), {UNEXPECTED: 1}, {UNEXPECTED: 3}),
-    ],
-)
+        # Every other grammar the checks use loads from the installed package.
+        ("cpp", "int f() {\n  return (1;\n}\n", (2, MISSING), {MISSING: 1}, {MISSING: 2}),
+        ("java", "class A {\n  int x = ;\n}\n", (2, UNEXPECTED), {UNEXPECTED: 1}, {UNEXPECTED: 2}),
+        ("css", "a { color: red; }\n}}\nb { x }\n", (2, UNEXPECTED), {UNEXPECTED: 1}, {UNEXPECTED: 2})])
 def test_real_grammars(language, text, first, counts, sample):
     assert editor._treesitter_error(language, text) == first
     found, lines = editor._treesitter_error_counts(language, text)
-    assert type(found) is Counter and type(lines) is dict
-    assert list(found.items()) == list(counts.items()) and list(lines.items()) == list(sample.items())
+    assert (type(found), type(lines), list(found.items()), list(lines.items())) == (
+        Counter, dict, list(counts.items()), list(sample.items()))
     found.clear()
     assert editor._treesitter_error_counts(language, text)[0] == counts  # fresh objects every call
 
@@ -77,42 +75,17 @@ def broken_pack(exc):
     return SimpleNamespace(get_parser=get_parser)
 
 
-@pytest.mark.parametrize(
-    ("language", "text", "pack"),
-    [
+@pytest.mark.parametrize(("language", "text", "pack"), [
         ("no-such-grammar", "x", ...), ("c", "int \ud800;", ...), (42, "x", ...), ("c", b"int x = ;", ...),
         # The package is imported at every call, so replacing it after a first use takes effect.
         ("c", "int x = ;", None), ("c", "int x = ;", broken_pack(RuntimeError("no parser"))),
-        ("c", "int x = ;", SimpleNamespace()),
-    ],
-)
-def test_what_cannot_be_judged_reports_nothing(monkeypatch, language, text, pack):
+        ("c", "int x = ;", SimpleNamespace())])
+def test_what_cannot_be_judged_reports_nothing_but_interrupts_propagate(monkeypatch, language, text, pack):
     if pack is not ...:
         assert editor._treesitter_error("c", text) is not None
         monkeypatch.setitem(sys.modules, "tree_sitter_language_pack", pack)
     assert editor._treesitter_error(language, text) is None
     assert editor._treesitter_error_counts(language, text) == (Counter(), {})
-
-
-def test_interrupts_inside_the_guard_propagate(monkeypatch):
     monkeypatch.setitem(sys.modules, "tree_sitter_language_pack", broken_pack(KeyboardInterrupt()))
     with pytest.raises(KeyboardInterrupt):
         editor._treesitter_error("c", "int x;")
-
-
-OFFLINE = """
-import socket
-def refuse(*args, **kwargs):
-    raise OSError("network used")
-socket.socket = socket.create_connection = socket.getaddrinfo = refuse
-import editor
-print([(editor._treesitter_error(lang, text) is not None, editor._treesitter_error(lang, "")) for lang, text in %r])
-"""
-BROKEN = [("python", "def f(:"), ("c", "int main( {"), ("cpp", "class A {"), ("java", "class A {"),
-          ("javascript", "let x = ;"), ("css", "a { color: red; }}"), ("html", "<p></p>\n<")]
-
-
-def test_every_checked_grammar_loads_offline():
-    result = subprocess.run([sys.executable, "-c", OFFLINE % BROKEN], capture_output=True, text=True, timeout=120,
-                            env=dict(os.environ, PYTHONPATH=os.pathsep.join(sys.path)))
-    assert result.returncode == 0 and result.stdout == f"{[(True, None)] * len(BROKEN)}\n", result.stderr

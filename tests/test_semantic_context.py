@@ -16,29 +16,20 @@ def test_find_exe_takes_the_first_candidate_on_the_path(tmp_path, monkeypatch):
 
 @pytest.mark.parametrize("marker_is_file", [False, True])
 def test_repo_root_walks_at_most_fifty_directories(tmp_path, marker_is_file):
-    if marker_is_file:  # a worktree's ".git" is a file
-        (tmp_path / ".git").write_text("gitdir: /elsewhere\n")
-    else:
-        (tmp_path / ".git").mkdir()
+    # A worktree's ".git" is a file.
+    (tmp_path / ".git").write_text("gitdir: /elsewhere\n") if marker_is_file else (tmp_path / ".git").mkdir()
     reach = tmp_path.joinpath(*["d"] * 49)  # the 50th directory examined holds the marker
-    beyond = reach / "d"
-    beyond.mkdir(parents=True)
-    assert editor._repo_root(reach / "x.c") == tmp_path
-    assert editor._repo_root(reach) == tmp_path
-    assert editor._repo_root(beyond / "x.c") == beyond
-    assert editor._repo_root(tmp_path.parent / "lonely.c") == tmp_path.parent
+    (reach / "d").mkdir(parents=True)
+    found = [editor._repo_root(p) for p in (reach / "x.c", reach, reach / "d" / "x.c", tmp_path.parent / "lonely.c")]
+    assert found == [tmp_path, tmp_path, reach / "d", tmp_path.parent]
 
 
-@pytest.mark.parametrize(
-    "relative, dirs",
-    [
-        ("main.c", ["", "include", "src"]),  # the root's pair comes once
-        ("src/Foo.C", ["", "include", "src"]),
-        ("lib/deep/x.C++", ["", "include", "src", "lib/deep"]),
-        ("lib/a.CPP", ["", "lib"]),  # no include/ or src/ in this checkout
-        ("lib/a.h", None),  # a header has no compile of its own
-    ],
-)
+@pytest.mark.parametrize("relative, dirs", [
+    ("main.c", ["", "include", "src"]), ("src/Foo.C", ["", "include", "src"]),  # the root's pair comes once
+    ("lib/deep/x.C++", ["", "include", "src", "lib/deep"]),
+    ("lib/a.CPP", ["", "lib"]),  # no include/ or src/ in this checkout
+    ("lib/a.h", None),  # a header has no compile of its own
+])
 def test_cpp_context(tmp_path, relative, dirs):
     root = tmp_path / "repo"
     (root / ".git").mkdir(parents=True)
@@ -63,16 +54,12 @@ def test_java_context_of_a_maven_layout(tmp_path):
         ["-sourcepath", str(root / "src/main/java"), "-cp", ":".join(cp)], str(root))
 
 
-@pytest.mark.parametrize(
-    "relative, text, source_root",
-    [
-        ("x/y/Foo.java", "package com.acme;\nclass Foo {}\n", "x/y"),  # stops at y != acme
-        ("x/y/Foo.java", "class Foo {}\n", "x/y"),
-        ("src/acme/Foo.java", "// acme\n  package acme ;\n", "src"),
-        ("pkg/a/b/Foo.JAVA", "/*\n package a.b;\n*/\npackage other;\n", "pkg"),  # first match, even in a comment
-        ("Foo.kt", "class Foo", None), ("Missing.java", None, None), ("Dir.java", "", None),
-    ],
-)
+@pytest.mark.parametrize("relative, text, source_root", [
+    ("x/y/Foo.java", "package com.acme;\nclass Foo {}\n", "x/y"),  # stops at y != acme
+    ("x/y/Foo.java", "class Foo {}\n", "x/y"), ("src/acme/Foo.java", "// acme\n  package acme ;\n", "src"),
+    ("pkg/a/b/Foo.JAVA", "/*\n package a.b;\n*/\npackage other;\n", "pkg"),  # first match, even in a comment
+    ("Foo.kt", "class Foo", None), ("Missing.java", None, None), ("Dir.java", "", None),
+])
 def test_java_context_source_path(tmp_path, relative, text, source_root):
     root = repository(tmp_path / "r")
     if text == "":

@@ -1,6 +1,5 @@
 import re
 import shutil
-import zipfile
 
 import pytest
 
@@ -39,6 +38,10 @@ def test_compiled_errors_count_by_message_not_by_line(project, tmp_path, monkeyp
         "types.h": ("int ok;\n", "int broken = nowhere;\n", 0),
         "deleted.c": ("int ok;\n", None, 0),
         "web.ts": ("let x = 1;\n", "let x = y;\n", 0),
+        # Python findings come from pyflakes, in touched order; a name may hold either separator.
+        "app.py": ("def run():\n    return 1\n", "def run():\n    x = 1\n    return helper(x)\n", 0),
+        "legacy.py": ("x = legacy_name\n", "\n\nx = legacy_name\n", 0),
+        "sub\\tool.py": ("", "print(undefined_thing)\n", 0),
     }
     paths = {name: project / "src" / name for name in cases}
     for name, (_, after, _) in cases.items():
@@ -49,32 +52,19 @@ def test_compiled_errors_count_by_message_not_by_line(project, tmp_path, monkeyp
                 r"zz\.c: c error: \S*zz\S* undeclared \(first use in this function\) \(line 2\)",
                 r"uses_bad\.c: c error: \S*undefined_q\S* undeclared here .*\(line 3\)",
                 r"uses_missing\.c: c error: missing\.h: No such file or directory \(line 2\)",
-                r"m\.cpp: c\+\+ error: \S*undeclared_cpp\S* was not declared in this scope \(line 1\)"]
+                r"m\.cpp: c\+\+ error: \S*undeclared_cpp\S* was not declared in this scope \(line 1\)",
+                r"app\.py: python error: undefined name 'helper' \(line 3\)",
+                r"tool\.py: python error: undefined name 'undefined_thing' \(line 1\)"]
     assert len(result) == len(expected) and all(map(re.fullmatch, expected, result)), result
     assert len((tmp_path / "cc.log").read_text().splitlines()) == sum(runs for _, _, runs in cases.values())
     assert {name: path.read_text() for name, path in paths.items() if path.exists()} == {
         name: after for name, (_, after, _) in cases.items() if after is not None}
-
-
-def test_python_findings_in_touched_order(project, tmp_path):
-    touched = {
-        str(write(project / "app.py", "def run():\n    x = 1\n    return helper(x)\n")): "def run():\n    return 1\n",
-        str(write(project / "legacy.py", "\n\nx = legacy_name\n")): "x = legacy_name\n",
-        str(write(tmp_path / "sub\\tool.py", "print(undefined_thing)\n")): "",  # either separator
-    }
-    assert editor.commit_time_check(touched) == [
-        "app.py: python error: undefined name 'helper' (line 3)",
-        "tool.py: python error: undefined name 'undefined_thing' (line 1)",
-    ]
     assert editor.commit_time_check({}) == []
 
 
 def test_java_in_a_maven_layout(project, tmp_path, monkeypatch):
     monkeypatch.setattr("tempfile.tempdir", str(tmp_path))
-    (project / "target" / "classes").mkdir(parents=True)
-    (project / "target" / "dependency").mkdir()
-    with zipfile.ZipFile(project / "target" / "dependency" / "dep.jar", "w") as jar:
-        jar.writestr("META-INF/MANIFEST.MF", "Manifest-Version: 1.0\n")
+    (project / "target" / "classes").mkdir(parents=True)  # the class path's exact make-up: test_semantic_context
     java = project / "src" / "main" / "java" / "com" / "acme"
     write(java / "util" / "Strings.java", "package com.acme.util;\n\npublic class Strings {\n"
           "    public static String shout(String s) { return s.toUpperCase(); }\n}\n")
@@ -85,15 +75,19 @@ def test_java_in_a_maven_layout(project, tmp_path, monkeypatch):
     assert not list(tmp_path.glob("orvel_jc_*"))
 
 
-def test_current_text_comes_back_in_text_mode_even_when_the_earlier_text_cannot_be_written(tmp_path):
-    path = tmp_path / "crlf.py"
+def test_current_text_comes_back_in_text_mode_or_untouched_when_a_text_cannot_be_handled(project):
+    path = project / "crlf.py"
     path.write_bytes(b"print(ghost)\r\nx = 1\r\n")
-    expected = ["crlf.py: python error: undefined name 'ghost' (line 1)"]
-    assert editor.commit_time_check({str(path): "x = 1\n"}) == expected
+    assert editor.commit_time_check({str(path): "x = 1\n"}) == ["crlf.py: python error: undefined name 'ghost' (line 1)"]
     assert path.read_bytes() == b"print(ghost)\nx = 1\n"
     with pytest.raises(UnicodeEncodeError):
         editor.commit_time_check({str(path): "lone \ud800 surrogate\n"})
     assert path.read_bytes() == b"print(ghost)\nx = 1\n"
+    latin = project / "src" / "latin.c"  # compiles with an error, then cannot be read as text
+    latin.write_bytes(b"char *s = \"\xe9\"; int x = y;\n")
+    with pytest.raises(UnicodeDecodeError):
+        editor.commit_time_check({str(latin): "int x;\n"})
+    assert latin.read_bytes() == b"char *s = \"\xe9\"; int x = y;\n"
 
 
 def test_restore_runs_when_the_analyser_raises_on_the_earlier_text(project, monkeypatch):
@@ -110,16 +104,5 @@ def test_restore_runs_when_the_analyser_raises_on_the_earlier_text(project, monk
     with pytest.raises(RuntimeError, match="analyser broke"):
         editor.commit_time_check({str(source): "int a;\n"})
     assert seen == ["int a = nowhere;\n", "int a;\n"] and source.read_text() == "int a = nowhere;\n"
-
-
-def test_file_that_is_not_utf8_propagates_untouched(project):
-    content = b"char *s = \"\xe9\"; int x = y;\n"  # compiles with an error, then cannot be read as text
-    (project / "src" / "latin.c").write_bytes(content)
-    with pytest.raises(UnicodeDecodeError):
-        editor.commit_time_check({str(project / "src" / "latin.c"): "int x;\n"})
-    assert (project / "src" / "latin.c").read_bytes() == content
-
-
-def test_no_compiler_on_the_path_means_no_analyser(project, monkeypatch):
-    monkeypatch.setenv("PATH", str(project / "empty"))
-    assert editor._semantic_errfn(str(write(project / "src" / "a.c", "int a;\n")), "c") is None
+    monkeypatch.setenv("PATH", str(project / "empty"))  # no compiler on the path: no analyser
+    assert editor._semantic_errfn(str(source), "c") is None
