@@ -1,5 +1,4 @@
-"""The tools wired into the session: tags, blocks, kept line ends through rollback, delete, redo,
-honest syntax verdicts, and the session diff as a patch that git applies."""
+"""The tools wired into the session: tags, blocks, line ends, delete, redo, syntax verdicts, the patch."""
 
 import shutil
 import subprocess
@@ -9,7 +8,7 @@ import pytest
 from helpers import tree_digest
 
 import editor
-from editor_session import git_hunks, patch, syntax
+from editor_session import syntax
 from editor_session.session import Session
 
 
@@ -33,37 +32,47 @@ def tree_bytes(root, dirs=True):
             if ".git" not in p.parts and (dirs or p.is_file())}
 
 
-@pytest.mark.parametrize("call", [
-    lambda s: s.edit("m.py", 2, None, "b = 9\n", tag="0" * 12),
-    lambda s: s.edit("m.py", None, None, "X\n", anchor="= 2"),
-    lambda s: s.edit("m.py", blocks=[{"start_line": 1}, {"start_line": 1, "end_line": 2}]),
-    lambda s: s.edit("m.py", blocks=[{"start_line": 1, "content": "A = (1"}], dry_run=True),
+@pytest.mark.parametrize("edit, message", [
+    ({"start_line": 2, "content": "b = 9\n", "tag": "0" * 12}, "m.py changed since tag 000000000000"),
+    ({"anchor": "= 2", "content": "X\n"}, "anchor covers only part of line 2"),
+    ({"blocks": []}, "blocks is empty"),
+    ({"blocks": [{"start_line": 1, "content": "x"}] * 101}, "101 blocks are too many"),
+    ({"blocks": [{"start_line": 1, "end_line": 3}, {"start_line": 2, "mode": "insert_after"}]}, "overlap"),
+    ({"blocks": [{"start_line": 2, "mode": "insert_before"}, {"start_line": 1, "mode": "insert_after"}]},
+     "block 1 (insert_before line 2) and block 2 (insert_after line 1) overlap"),
+    ({"blocks": [{"start_line": 1}, {"anchor": "nowhere"}]}, "block 2: anchor not found"),
+    ({"blocks": [{"start_line": 1}, {"anchor": " = "}]}, "block 2: anchor occurs 3 times"),
+    ({"blocks": [{"start_line": 1, "mode": "Replace"}]}, "block 1: unknown mode"),
+    ({"blocks": [{"start_line": 4}]}, "block 1: start_line 4 is out of range"),
+    # A dry run refuses nothing, but writes nothing either.
+    ({"blocks": [{"start_line": 1, "content": "a = (1"}, {"start_line": 2, "content": "b = 3"}], "dry_run": True}, None),
 ])
-def test_refusals_and_dry_runs_write_nothing(proj, s, call):
+def test_refusals_and_dry_runs_write_nothing(proj, s, edit, message):
     before = tree_digest(proj)
-    result = call(s)
-    assert ("error" in result) != bool(result.get("dry_run"))
+    result = s.edit("m.py", **edit)
+    if message:
+        assert message in result["error"]
+    else:
+        assert result["syntax"].startswith("SyntaxError: ") and "--- a/m.py\n+++ b/m.py" in result["diff"]
+        assert "+b = 3" in result["diff"]
     assert tree_digest(proj) == before and s.status()["depth"] == 0
 
 
-def test_a_stale_tag_is_refused_with_the_current_lines_and_a_fresh_one_passes(proj, s):
-    tag = s.read("m.py")["tag"]
-    (proj / "m.py").write_bytes(b"a = 1\r\nB = 2\r\nc = 3\r\n")
-    refusal = s.edit("m.py", 2, 3, "b = 9\n", tag=tag)
-    assert refusal["lines"] == "2\tB = 2\n3\tc = 3" and refusal["tag"] != tag
-    receipt = s.edit("m.py", 2, 3, "b = 9\n", tag=refusal["tag"])
-    assert receipt["replaced"] == ["B = 2", "c = 3"] and receipt["tag"] == s.read("m.py")["tag"]
-    assert (proj / "m.py").read_bytes() == b"a = 1\r\nb = 9\r\n"
-
-
 @pytest.mark.parametrize("keep, ends", [(True, b"\r\n"), (False, b"\n")])
-def test_a_multi_block_edit_keeps_line_ends_and_is_one_step(proj, keep, ends):
+def test_a_multi_block_edit_on_a_fresh_tag_keeps_line_ends_and_is_one_step(proj, keep, ends):
     with closing(Session.open(str(proj), keep_line_ends=keep)) as s:
-        result = s.edit("m.py", blocks=[{"start_line": 1, "content": "A = 1"}, {"anchor": "c = 3", "content": "C = 3"}])
+        tag = s.read("m.py")["tag"]
+        (proj / "m.py").write_bytes(b"a = 1\r\nB = 2\r\nc = 3\r\n")
+        edit = [{"start_line": 1, "end_line": 2, "content": "A = 1\nb = 2"}, {"anchor": "c = 3", "content": "C = 3"}]
+        refusal = s.edit("m.py", blocks=edit, tag=tag)
+        assert refusal["lines"] == "1\ta = 1\n2\tB = 2\n...\n3\tc = 3" and refusal["tag"] != tag
+        result = s.edit("m.py", blocks=edit, tag=refusal["tag"])
         assert [b["at"] for b in result["blocks"]] == [1, 3] and result["syntax"] == "ok"
+        assert result["tag"] == s.read("m.py")["tag"]
         assert (proj / "m.py").read_bytes() == ends.join([b"A = 1", b"b = 2", b"C = 3", b""])
         assert len(editor.ledger_load(str(proj))) == 1 and s.rollback(1) and s.status()["depth"] == 0
-    assert (proj / "m.py").read_bytes() == ends.join([b"a = 1", b"b = 2", b"c = 3", b""])
+    assert (proj / "m.py").read_bytes() == ends.join([b"a = 1", b"B = 2", b"c = 3", b""])
+
 
 
 @pytest.mark.parametrize("target, was, edited, changed", [
@@ -85,14 +94,13 @@ def test_a_delete_is_one_step_undone_and_redone_until_the_files_change(proj, s, 
     before = tree_bytes(proj)
     assert "no longer as the rollback left it" in s.redo(1)["error"] and tree_bytes(proj) == before
     s.edit("src/n.py", 1, None, "x = 0\n")
-    assert "0 undone step(s)" in s.redo(1)["error"]
+    assert "0 undone step(s)" in s.redo(1)["error"] and s.delete("gone") == {"error": "gone does not exist"}
 
 
 @pytest.mark.parametrize("call, dangling", [
     (lambda s: s.edit("lib.py", 1, 2, ""), True),
     (lambda s: s.edit("lib.py", 5, 6, ""), False),
     (lambda s: s.delete("lib.py"), True),
-    (lambda s: s.edit("lib.py", 1, 1, "def helper(x, y=0):"), False),
 ])
 def test_removing_what_other_files_call_reports_the_callers(proj, call, dangling):
     (proj / "lib.py").write_text("def helper(x):\n    return x + 1\n\n\ndef unused():\n    return 2\n")
@@ -118,12 +126,6 @@ def test_syntax_blames_the_edit_only_for_its_own_breakage(tmp_path, before, cont
     assert receipt["syntax"] != "ok"  # what the module alone says
     result = syntax.honest(receipt["syntax"], str(path), lambda: before)
     assert result == ({"syntax": "ok", "syntax_before": receipt["syntax"]} if expected == "before" else {"syntax": expected})
-
-
-def test_paths_under_the_root_become_relative(tmp_path):
-    found = patch.relative({"error": f"{tmp_path}/src/a.py does not exist", "list": [f"{tmp_path}/b"], "n": 3}, str(tmp_path))
-    assert found == {"error": "src/a.py does not exist", "list": ["b"], "n": 3}
-    assert git_hunks.exact(["@@ -1,1 +1,1 @@", "-a", "+A"], "a\nb\nc\nd\n", "A\nb\nc\nD\n") is None  # a missed change
 
 
 @pytest.mark.skipif(shutil.which("git") is None, reason="git is not installed")
