@@ -7,20 +7,6 @@ import editor
 from editor_session import anchors, blocks, lineends, reading
 
 
-@pytest.mark.parametrize("raw, line, shown", [
-    (b"a\r\nb\rc\n", 3, "c"),
-    (b"a\x0cb\nc\n", 2, "b"),                  # a form feed ends a line, as in the module's split
-    ("x\u2028y\nz".encode(), 3, "z"),
-    ("a\x0bb\x85c\ntarget\n".encode(), 4, "target"),   # anchors count lines the same way
-    (b"\xef\xbb\xbfimport os\n", 1, "import os"),  # the BOM is not text of line 1
-])
-def test_read_numbers_lines_as_the_module_edits_them(tmp_path, checker, raw, line, shown):
-    (path := tmp_path / "f.txt").write_bytes(raw)
-    assert reading.read(raw, line, line)["text"] == f"{line}\t{shown}"
-    receipt = editor.apply_block(str(tmp_path), str(path), line, None, "new\n")
-    assert receipt["replaced"][0].removeprefix("\ufeff").rstrip("\x0c\u2028") == shown
-
-
 def test_large_ranges_are_capped_with_a_way_on_and_tags_follow_the_bytes():
     result = reading.read("".join(f"l{i}\n" for i in range(1, 2501)).encode(), 2)
     assert (result["end"], result["line_count"], result["text"].count("\n")) == (2001, 2500, 1999)
@@ -67,9 +53,6 @@ def test_anchors_resolve_to_the_whole_lines_read(anchor, mode, expected):
     assert anchors.locate(C_SOURCE, anchor, mode) == expected
 
 
-MODES = ["replace", "insert_before", "insert_after"]
-
-
 def reach(spec):
     return blocks.Block(0, spec["mode"], spec["start_line"], spec["end_line"], "").reach()
 
@@ -81,7 +64,7 @@ def edits(draw):
         lines[-1] = lines[-1].rstrip("\r\n\x0c") or "z"
     n, specs = len(lines), []
     for _ in range(draw(st.integers(1, 4))):
-        mode = draw(st.sampled_from(MODES if n else ["insert_before"]))
+        mode = draw(st.sampled_from(["replace", "insert_before", "insert_after"] if n else ["insert_before"]))
         start = draw(st.integers(1, n + 1 if mode == "insert_before" else n))
         spec = {"start_line": start, "end_line": draw(st.integers(start, n)) if mode == "replace" else start,
                 "mode": mode, "content": draw(st.text("xy\n", max_size=4))}
@@ -105,19 +88,23 @@ def test_blocks_give_what_the_module_gives_one_by_one_bottom_up(tmp_path_factory
     assert [r["block"] for r in result["blocks"]] == list(range(1, len(specs) + 1)) and many.read_bytes() == one.read_bytes()
 
 
-@pytest.mark.parametrize("raw, start, end, content, mode, expected", [
-    (b"a\r\nb\r\nc\nd\r\n", 3, None, "X\nY", "replace", b"a\r\nb\r\nX\r\nY\r\nd\r\n"),  # the dominant end
-    (b"a\rb\rc", 1, None, "X", "replace", b"X\rb\rc"),
-    (b"\xef\xbb\xbfa\r\nb\r\n", 1, None, "X", "replace", b"\xef\xbb\xbfX\r\nb\r\n"),
-    (b"\xef\xbb\xbfa\rb", 2, None, "X", "insert_before", b"\xef\xbb\xbfa\rX\rb"),
-    (b"a\r\nb", 2, None, "X", "insert_after", b"a\r\nb\r\nX\r\n"),  # the old last line gets an end
-    (b"a\r\nb\r\nc\r\n", 2, 3, "", "replace", b"a\r\n"),
+@pytest.mark.parametrize("raw, start, end, content, mode, shown, expected", [
+    (b"a\r\nb\rc\nd\r\n", 3, None, "X\nY", "replace", "c", b"a\r\nb\rX\r\nY\r\nd\r\n"),  # the dominant end
+    (b"a\x0cb\nc\n", 2, None, "X", "replace", "b", b"a\x0cX\nc\n"),  # a form feed ends a line, as in the module's split
+    (b"a\rb\rc", 1, None, "X", "replace", "a", b"X\rb\rc"),
+    (b"\xef\xbb\xbfa\r\nb\r\n", 1, None, "X", "replace", "a", b"\xef\xbb\xbfX\r\nb\r\n"),  # the BOM is no text of line 1
+    (b"\xef\xbb\xbfa\rb", 2, None, "X", "insert_before", "b", b"\xef\xbb\xbfa\rX\rb"),
+    (b"a\r\nb", 2, None, "X", "insert_after", "b", b"a\r\nb\r\nX\r\n"),  # the old last line gets an end
+    (b"a\r\nb\r\nc\r\n", 2, 3, "", "replace", "b", b"a\r\n"),
     # Breaks that are no line-end style stay where they are and give no style.
-    ("a\x85b\x85".encode(), 1, None, "X\n", "insert_before", "X\na\x85b\x85".encode()),
-    ("a\u2028b\nc\u2028d".encode(), 2, 3, "X\rY", "replace", "a\u2028X\nY\nd".encode()),
+    ("a\x0bb\x85c\x85".encode(), 3, None, "X\n", "insert_before", "c", "a\x0bb\x85X\nc\x85".encode()),
+    ("a\u2028b\nc\u2028d".encode(), 2, 3, "X\rY", "replace", "b", "a\u2028X\nY\nd".encode()),
 ])
-def test_an_edit_keeps_the_line_ends_of_the_lines_it_leaves(tmp_path, checker, raw, start, end, content, mode, expected):
+def test_lines_are_numbered_as_the_module_edits_them_and_keep_their_ends(tmp_path, checker, raw, start, end, content,
+                                                                         mode, shown, expected):
     (path := tmp_path / "f.txt").write_bytes(raw)
+    assert reading.read(raw, start, start)["text"] == f"{start}\t{shown}"
     receipt = editor.apply_block(str(tmp_path), str(path), start, end, content, mode)
+    assert [line.removeprefix("\ufeff") for line in receipt["replaced"][:1]] == ([shown] if mode == "replace" else [])
     span = lineends.single_span(receipt["at"], len(receipt["replaced"]), mode)
     assert lineends.restore(str(path), raw, [span], lineends.profile(raw)) == expected
