@@ -1,5 +1,4 @@
-"""Drives `editor-mcp` through the SDK's own stdio client, for the protocol and packaging tests
-and the benchmark."""
+"""Drives `editor-mcp` through the SDK's own stdio client, for the protocol tests and the benchmark."""
 
 import os
 import sys

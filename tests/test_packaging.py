@@ -1,8 +1,6 @@
-"""The built wheel, installed alone into a fresh virtual environment, works away from the checkout;
-in the checkout, the product's Python type-checks cleanly against the module's stub."""
+"""The product's Python type-checks against the stub; the installed wheel works away from the checkout."""
 
 import os
-import re
 import shutil
 import subprocess
 import sys
@@ -15,7 +13,6 @@ from mcp_client import ROOT
 
 
 def run(*args, cwd=ROOT, check=False, timeout=120):
-    """`args` without the checkout on the module path."""
     env = {key: value for key, value in os.environ.items() if key not in ("PYTHONPATH", "EDITOR_BUILD")}
     return subprocess.run([str(arg) for arg in args], cwd=cwd, capture_output=True, text=True, timeout=timeout,
                           env=env, check=check)
@@ -46,11 +43,8 @@ def test_the_installed_wheel_works_away_from_the_checkout(tmp_path, monkeypatch)
     assert probe.returncode == 0 and all(Path(line).is_relative_to(tmp_path / "env") for line in probe.stdout.splitlines())
     assert "--root" in run(python.parent / "editor-mcp", "--help", cwd=tmp_path, check=True).stdout
 
-    (tmp_path / "host_script.py").write_text("import editor\nreceipt: dict = editor.apply_block('/p', '/p/a.py', 1, None, '')\n"
-                                             "editor.apply_block('/p', '/p/a.py', 'first', None, '')\n")
-    report = run(sys.executable, "-m", "mypy", "--no-incremental", "--python-executable", python, "host_script.py", cwd=tmp_path)
-    errors = [line for line in report.stdout.splitlines() if ": error:" in line]
-    assert len(errors) == 1 and re.match(r"host_script\.py:3: error: .*apply_block", errors[0]), report.stdout
+    # The stub, for type checkers of the host, installed as a stub-only package.
+    assert Path(site, "editor-stubs", "__init__.pyi").read_text() == (ROOT / "editor.pyi").read_text()
 
     monkeypatch.setenv("EDITOR_STATE_HOME", str(tmp_path / "state"))
     project = shutil.copytree(ROOT / "demo" / "sample_project", tmp_path / "proj")

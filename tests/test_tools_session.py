@@ -8,7 +8,6 @@ import pytest
 from helpers import tree_digest
 
 import editor
-from editor_session import syntax
 from editor_session.session import Session
 
 
@@ -17,7 +16,8 @@ def proj(project, tmp_path, monkeypatch):
     monkeypatch.setenv("EDITOR_STATE_HOME", str(tmp_path / "state"))
     (project / "m.py").write_bytes(b"a = 1\r\nb = 2\r\nc = 3\r\n")
     (project / "src").mkdir()
-    (project / "src" / "n.py").write_text("x = 1\n")
+    (project / "src" / "n.py").write_text("def helper(x):\n    return x + 1\n")
+    (project / "app.py").write_text("from src.n import helper\n\n\ndef main():\n    return helper(3)\n")
     return project
 
 
@@ -75,14 +75,19 @@ def test_a_multi_block_edit_on_a_fresh_tag_keeps_line_ends_and_is_one_step(proj,
 
 
 
-@pytest.mark.parametrize("target, was, edited, changed", [
-    ("m.py", "file", "src/n.py", "m.py"), ("src", "directory", "m.py", "src/n.py")])
-def test_a_delete_is_one_step_undone_and_redone_until_the_files_change(proj, s, target, was, edited, changed):
+DANGLING = [{"symbol": "src/n.py::helper", "callers": ["app.py::main"], "caller_count": 1}]
+
+
+# The edit of src/n.py, or the delete of src, removes what app.py calls; the other removes nothing called.
+@pytest.mark.parametrize("target, was, edited, changed, dangling", [
+    ("m.py", "file", "src/n.py", "m.py", (DANGLING, None)), ("src", "directory", "m.py", "src/n.py", (None, DANGLING))])
+def test_a_delete_is_one_step_undone_and_redone_until_the_files_change(proj, s, target, was, edited, changed, dangling):
     before = tree_bytes(proj)
-    s.edit(edited, 1, None, "x = 2\n")
+    edit = s.edit(edited, 1, 2, "x = 2\n")
     assert all(s.diff(form)["diff"].startswith(f"--- a/{edited}\n+++ b/{edited}\n") for form in ("unified", "patch"))
     result = s.delete(target)
     assert (result["deleted"], result["was"], result["step"], s.status()["depth"]) == (target, was, 2, 2)
+    assert (edit.get("dangling"), result.get("dangling")) == dangling
     done = tree_bytes(proj)
     assert target not in done and s.rollback(2) and tree_bytes(proj) == before
     assert all(e.get("rolled_back") for e in editor.ledger_load(str(proj))) and "2 undone step(s)" in s.redo(3)["error"]
@@ -97,35 +102,15 @@ def test_a_delete_is_one_step_undone_and_redone_until_the_files_change(proj, s, 
     assert "0 undone step(s)" in s.redo(1)["error"] and s.delete("gone") == {"error": "gone does not exist"}
 
 
-@pytest.mark.parametrize("call, dangling", [
-    (lambda s: s.edit("lib.py", 1, 2, ""), True),
-    (lambda s: s.edit("lib.py", 5, 6, ""), False),
-    (lambda s: s.delete("lib.py"), True),
-])
-def test_removing_what_other_files_call_reports_the_callers(proj, call, dangling):
-    (proj / "lib.py").write_text("def helper(x):\n    return x + 1\n\n\ndef unused():\n    return 2\n")
-    (proj / "app.py").write_text("from lib import helper\n\n\ndef main():\n    return helper(3)\n")
-    with closing(Session.open(str(proj))) as s:
-        result = call(s)
-    assert "step" in result and result.get("dangling") == (
-        [{"symbol": "lib.py::helper", "callers": ["app.py::main"], "caller_count": 1}] if dangling else None)
-
-
-BROKEN = "SyntaxError: '(' was never closed (line 2)"
-
-
 @pytest.mark.parametrize("before, content, expected", [
-    ("x = (\ny = 1\n", "y = 2", "before"),                # broken before, edit elsewhere
-    ("x = 1\ny = 1\n", "y = (", BROKEN),
-    ("\ufeffx = 1\ny = 1\n", "y = 2", "ok"),             # a BOM is no breakage
-    ("\ufeffx = 1\ny = 1\n", "y = (", BROKEN),
+    ("x = (\ny = 1\n", "y = 2", ("ok", "SyntaxError: '(' was never closed (line 1)")),  # broken before, edit elsewhere
+    ("\ufeffx = 1\ny = 1\n", "y = 2", ("ok", None)),  # a BOM is no breakage
+    ("\ufeffx = 1\ny = 1\n", "y = (", ("SyntaxError: '(' was never closed (line 2)", None)),
 ])
-def test_syntax_blames_the_edit_only_for_its_own_breakage(tmp_path, before, content, expected):
-    (path := tmp_path / "m.py").write_text(before, encoding="utf-8")
-    receipt = editor.apply_block(str(tmp_path), str(path), 2, None, content)
-    assert receipt["syntax"] != "ok"  # what the module alone says
-    result = syntax.honest(receipt["syntax"], str(path), lambda: before)
-    assert result == ({"syntax": "ok", "syntax_before": receipt["syntax"]} if expected == "before" else {"syntax": expected})
+def test_syntax_blames_the_edit_only_for_its_own_breakage(proj, s, before, content, expected):
+    (proj / "m.py").write_text(before, encoding="utf-8")
+    result = s.edit("m.py", 2, None, content)
+    assert (result["syntax"], result.get("syntax_before")) == expected
 
 
 @pytest.mark.skipif(shutil.which("git") is None, reason="git is not installed")
