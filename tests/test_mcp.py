@@ -12,7 +12,7 @@ import anyio
 import pytest
 
 from helpers import tree_digest, tree_texts
-from mcp_client import CALL_TIMEOUT, ROOT, checkout_command, checkout_env, connect
+from mcp_client import CALL_TIMEOUT, ROOT, connect
 
 pytestmark = pytest.mark.heavy
 MODELS = "inventory/models.py"
@@ -28,7 +28,7 @@ def drive(project, scenario):
     # `call` answers the structured result, or the whole result of a call expected to fail.
     async def run():
         with anyio.fail_after(4 * CALL_TIMEOUT), open(project.parent / "stderr.txt", "a") as errlog:
-            async with connect(checkout_command(project), project.parent / "state", errlog, checkout_env()) as client:
+            async with connect(project, project.parent / "state", errlog) as client:
                 async def call(name, failing=False, **arguments):
                     result = await client.call_tool(name, arguments)
                     assert result.is_error == failing, (name, result.content)
