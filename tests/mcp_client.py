@@ -14,7 +14,6 @@ CALL_TIMEOUT = 60  # a tool call that takes longer is a hang, not a slow machine
 
 @asynccontextmanager
 async def connect(root, state_home, errlog):
-    """An initialised client of the checkout's server on `root`, its stderr going to `errlog`."""
     path = os.pathsep.join([str(ROOT / "host"), os.environ.get("EDITOR_BUILD", str(ROOT / "build"))])
     params = StdioServerParameters(command=sys.executable, args=["-m", "editor_session.server", "--root", str(root)],
                                    cwd=str(state_home), env={"EDITOR_STATE_HOME": str(state_home), "PYTHONPATH": path})

@@ -22,8 +22,8 @@ def test_out_of_range_reads_and_malformed_tags_are_refused(refusal):
 
 
 def test_what_is_not_text_is_refused_in_one_line(tmp_path):  # directories, other encodings: test_session_store
-    (tmp_path / "x").write_bytes(b"\x7fELF\0\0\1")
-    assert reading.load(str(tmp_path / "x"), "x") == {"error": "x is a binary file -- only text files can be read or edited"}
+    (path := tmp_path / "x").write_bytes(b"\x7fELF\0\0\1")
+    assert reading.load(str(path), "x") == {"error": "x is a binary file -- only text files can be read or edited"}
     assert reading.load(str(tmp_path / "y"), "y") == {"error": "y does not exist"}
 
 
@@ -44,9 +44,10 @@ def part(where, lines):
     ("int add(int a,\n        int", "replace", part("lines 1-2", "1\tint add(int a,\n2\t        int b)")),
     ("return a + b", "replace", part("line 4", "4\t    return a + b;")),
     ("    return a - b;", "replace", {"error": anchors.NOT_FOUND, "nearest": [{"line": 4, "text": "4\t    return a + b;"}]}),
-    (" ", "insert_after", {"error": "anchor occurs 18 times (at lines 1, 1, 2, 2, 2, 2, 2, 2, ...) -- include more surrounding "
-                                    "text so it matches exactly once",  # only the first eight are listed
-                           "occurrences": [{"line": n, "text": f"{n}\t{C_SOURCE[n - 1].rstrip()}"} for n in (1, 1, *[2] * 6)]}),
+    # Only the first eight occurrences are listed.
+    (" ", "insert_after", {"error": "anchor occurs 18 times (at lines 1, 1, 2, 2, 2, 2, 2, 2, ...) -- include more "
+                                    "surrounding text so it matches exactly once", "occurrences": [
+        {"line": n, "text": f"{n}\t{C_SOURCE[n - 1][:-1]}"} for n in [1, 1] + [2] * 6]}),
 ])
 def test_anchors_resolve_to_the_whole_lines_read(anchor, mode, expected):
     assert anchors.locate(C_SOURCE, anchor, mode) == expected
@@ -59,7 +60,8 @@ def reach(spec):
 @st.composite
 def edits(draw):
     line = st.builds(str.__add__, st.text("ab\x0c", max_size=3), st.sampled_from(["\n", "\r\n", "\x0c"]))
-    lines = draw(st.lists(line, max_size=8)) + draw(st.lists(st.text("ab", min_size=1), max_size=1))  # the last may lack an end
+    # The last line may lack an end.
+    lines = draw(st.lists(line, max_size=8)) + draw(st.lists(st.text("ab", min_size=1), max_size=1))
     n, specs = len(lines), []
     for _ in range(draw(st.integers(1, 4))):
         mode = draw(st.sampled_from(["replace", "insert_before", "insert_after"] if n else ["insert_before"]))
@@ -89,7 +91,7 @@ def test_blocks_give_what_the_module_gives_one_by_one_bottom_up(tmp_path_factory
 @pytest.mark.parametrize("raw, start, end, content, mode, shown, expected", [
     (b"a\r\nb\rc\nd\r\n", 3, None, "X\nY", "replace", "c", b"a\r\nb\rX\r\nY\r\nd\r\n"),  # the dominant end
     (b"a\x0cb\nc\n", 2, None, "X", "replace", "b", b"a\x0cX\nc\n"),  # a form feed ends a line, as in the module's split
-    (b"\xef\xbb\xbfa\r\nb\r\n", 1, None, "X", "replace", "a", b"\xef\xbb\xbfX\r\nb\r\n"),  # the BOM is no text of line 1
+    (b"\xef\xbb\xbfa\r\nb\r\n", 1, None, "X", "replace", "a", b"\xef\xbb\xbfX\r\nb\r\n"),  # BOM: no text of line 1
     (b"\xef\xbb\xbfa\rb", 2, None, "X", "insert_before", "b", b"\xef\xbb\xbfa\rX\rb"),
     (b"a\r\nb", 2, None, "X", "insert_after", "b", b"a\r\nb\r\nX\r\n"),  # the old last line gets an end
     (b"a\r\nb\r\nc\r\n", 2, 3, "", "replace", "b", b"a\r\n"),
@@ -97,8 +99,7 @@ def test_blocks_give_what_the_module_gives_one_by_one_bottom_up(tmp_path_factory
     ("a\x0bb\x85c\x85".encode(), 3, None, "X\n", "insert_before", "c", "a\x0bb\x85X\nc\x85".encode()),
     ("a\u2028b\nc\u2028d".encode(), 2, 3, "X\rY", "replace", "b", "a\u2028X\nY\nd".encode()),
 ])
-def test_lines_are_numbered_as_the_module_edits_them_and_keep_their_ends(tmp_path, checker, raw, start, end, content,
-                                                                         mode, shown, expected):
+def test_lines_are_read_as_edited_and_keep_ends(tmp_path, checker, raw, start, end, content, mode, shown, expected):
     (path := tmp_path / "f.txt").write_bytes(raw)
     assert reading.read(raw, start, start)["text"] == f"{start}\t{shown}"
     receipt = editor.apply_block(str(tmp_path), str(path), start, end, content, mode)
