@@ -18,7 +18,7 @@ import anyio
 from harness import ROOT, row
 
 sys.path.insert(0, str(ROOT / "tests"))
-from mcp_client import checkout_command, checkout_env, connect  # noqa: E402
+from mcp_client import connect  # noqa: E402
 
 from editor_session.session import Session  # noqa: E402
 
@@ -69,7 +69,7 @@ def main():
 
         async def run():
             with open(scratch / "server-stderr.txt", "w") as errlog:
-                async with connect(checkout_command(served), scratch, errlog, checkout_env()) as client:
+                async with connect(served, scratch, errlog) as client:
                     return {tool: await measure(client, session, tool, arguments_of)
                             for tool, arguments_of in CASES.items()}
 

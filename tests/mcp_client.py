@@ -1,5 +1,4 @@
-"""Drives `editor-mcp` through the SDK's own stdio client, for the protocol and packaging tests
-and the benchmark."""
+"""Drives `editor-mcp` through the SDK's own stdio client, for the protocol tests and the benchmark."""
 
 import os
 import sys
@@ -13,19 +12,11 @@ ROOT = Path(__file__).resolve().parent.parent
 CALL_TIMEOUT = 60  # a tool call that takes longer is a hang, not a slow machine
 
 
-def checkout_command(root):
-    return [sys.executable, "-m", "editor_session.server", "--root", str(root)]
-
-
-def checkout_env():
-    return {"PYTHONPATH": os.pathsep.join([str(ROOT / "host"), os.environ.get("EDITOR_BUILD", str(ROOT / "build"))])}
-
-
 @asynccontextmanager
-async def connect(command, state_home, errlog, env=None):
-    """An initialised client of a server started by `command`, its stderr going to `errlog`."""
-    params = StdioServerParameters(command=command[0], args=command[1:], cwd=str(state_home),
-                                   env={"EDITOR_STATE_HOME": str(state_home), **(env or {})})
+async def connect(root, state_home, errlog):
+    path = os.pathsep.join([str(ROOT / "host"), os.environ.get("EDITOR_BUILD", str(ROOT / "build"))])
+    params = StdioServerParameters(command=sys.executable, args=["-m", "editor_session.server", "--root", str(root)],
+                                   cwd=str(state_home), env={"EDITOR_STATE_HOME": str(state_home), "PYTHONPATH": path})
     async with stdio_client(params, errlog=errlog) as (read, write):
         async with ClientSession(read, write, read_timeout_seconds=CALL_TIMEOUT) as client:
             await client.initialize()

@@ -1,15 +1,13 @@
-"""The tools wired into the session: tags, blocks, kept line ends through rollback, delete, redo,
-honest syntax verdicts, and the session diff as a patch that git applies."""
+"""The tools wired into the session: tags, blocks, line ends, delete, redo, syntax verdicts, the patch."""
 
 import shutil
 import subprocess
 from contextlib import closing
 
 import pytest
-from helpers import tree_digest
+from helpers import tree_digest, write
 
 import editor
-from editor_session import git_hunks, patch, syntax
 from editor_session.session import Session
 
 
@@ -17,8 +15,8 @@ from editor_session.session import Session
 def proj(project, tmp_path, monkeypatch):
     monkeypatch.setenv("EDITOR_STATE_HOME", str(tmp_path / "state"))
     (project / "m.py").write_bytes(b"a = 1\r\nb = 2\r\nc = 3\r\n")
-    (project / "src").mkdir()
-    (project / "src" / "n.py").write_text("x = 1\n")
+    write(project / "src" / "n.py", "def helper(x):\n    return x + 1\n")
+    (project / "app.py").write_text("from src.n import helper\n\n\ndef main():\n    return helper(3)\n")
     return project
 
 
@@ -28,54 +26,63 @@ def s(proj):
         yield session
 
 
-def tree_bytes(root, dirs=True):
-    return {str(p.relative_to(root)): p.read_bytes() if p.is_file() else None for p in sorted(root.rglob("*"))
-            if ".git" not in p.parts and (dirs or p.is_file())}
+def tree_bytes(root):
+    return {str(p.relative_to(root)): p.read_bytes() for p in root.rglob("*") if p.is_file() and ".git" not in p.parts}
 
 
-@pytest.mark.parametrize("call", [
-    lambda s: s.edit("m.py", 2, None, "b = 9\n", tag="0" * 12),
-    lambda s: s.edit("m.py", None, None, "X\n", anchor="= 2"),
-    lambda s: s.edit("m.py", blocks=[{"start_line": 1}, {"start_line": 1, "end_line": 2}]),
-    lambda s: s.edit("m.py", blocks=[{"start_line": 1, "content": "A = (1"}], dry_run=True),
+@pytest.mark.parametrize("edit, message", [
+    ({"start_line": 2, "content": "b = 9\n", "tag": "0" * 12}, "m.py changed since tag 000000000000"),
+    ({"anchor": "= 2", "content": "X\n"}, "anchor covers only part of line 2"),
+    ({"blocks": []}, "blocks is empty"),
+    ({"blocks": [{"start_line": 1, "end_line": 3}, {"start_line": 2, "mode": "insert_after"}]}, "overlap"),
+    ({"blocks": [{"start_line": 2, "mode": "insert_before"}, {"start_line": 1, "mode": "insert_after"}]},
+     "block 1 (insert_before line 2) and block 2 (insert_after line 1) overlap"),
+    ({"blocks": [{"start_line": 1}, {"anchor": " = "}]}, "block 2: anchor occurs 3 times"),
+    ({"blocks": [{"start_line": 1, "mode": "Replace"}]}, "block 1: unknown mode"),
+    ({"blocks": [{"start_line": 4}]}, "block 1: start_line 4 is out of range"),
+    # A dry run refuses nothing, but writes nothing either.
+    ({"blocks": [{"start_line": 1, "content": "a = (1"}, {"start_line": 2, "content": "b = 3"}], "dry_run": True},
+     ("--- a/m.py\n+++ b/m.py\n@@ -1,3 +1,3 @@\n-a = 1\n-b = 2\n+a = (1\n+b = 3\n c = 3",
+      "SyntaxError: '(' was never closed (line 1)")),
 ])
-def test_refusals_and_dry_runs_write_nothing(proj, s, call):
+def test_refusals_and_dry_runs_write_nothing(proj, s, edit, message):
     before = tree_digest(proj)
-    result = call(s)
-    assert ("error" in result) != bool(result.get("dry_run"))
+    result = s.edit("m.py", **edit)
+    assert message in result["error"] if isinstance(message, str) else (result["diff"], result["syntax"]) == message
     assert tree_digest(proj) == before and s.status()["depth"] == 0
 
 
-def test_a_stale_tag_is_refused_with_the_current_lines_and_a_fresh_one_passes(proj, s):
-    tag = s.read("m.py")["tag"]
-    (proj / "m.py").write_bytes(b"a = 1\r\nB = 2\r\nc = 3\r\n")
-    refusal = s.edit("m.py", 2, 3, "b = 9\n", tag=tag)
-    assert refusal["lines"] == "2\tB = 2\n3\tc = 3" and refusal["tag"] != tag
-    receipt = s.edit("m.py", 2, 3, "b = 9\n", tag=refusal["tag"])
-    assert receipt["replaced"] == ["B = 2", "c = 3"] and receipt["tag"] == s.read("m.py")["tag"]
-    assert (proj / "m.py").read_bytes() == b"a = 1\r\nb = 9\r\n"
-
-
 @pytest.mark.parametrize("keep, ends", [(True, b"\r\n"), (False, b"\n")])
-def test_a_multi_block_edit_keeps_line_ends_and_is_one_step(proj, keep, ends):
+def test_a_multi_block_edit_on_a_fresh_tag_keeps_line_ends_and_is_one_step(proj, keep, ends):
     with closing(Session.open(str(proj), keep_line_ends=keep)) as s:
-        result = s.edit("m.py", blocks=[{"start_line": 1, "content": "A = 1"}, {"anchor": "c = 3", "content": "C = 3"}])
-        assert [b["at"] for b in result["blocks"]] == [1, 3] and result["syntax"] == "ok"
+        tag = s.read("m.py")["tag"]
+        (proj / "m.py").write_bytes(changed := b"a = 1\nb = 2\r\nc = 3\r\n")  # new line ends alone make the tag stale
+        edit = [{"start_line": 1, "end_line": 2, "content": "A = 1\nb = 2"}, {"anchor": "c = 3", "content": "C = 3"}]
+        refusal = s.edit("m.py", blocks=edit, tag=tag)
+        assert refusal["lines"] == "1\ta = 1\n2\tb = 2\n...\n3\tc = 3" and refusal["tag"] != tag
+        done = s.edit("m.py", blocks=edit, tag=refusal["tag"])
+        assert (*[b["at"] for b in done["blocks"]], done["syntax"], done["tag"]) == (1, 3, "ok", s.read("m.py")["tag"])
         assert (proj / "m.py").read_bytes() == ends.join([b"A = 1", b"b = 2", b"C = 3", b""])
         assert len(editor.ledger_load(str(proj))) == 1 and s.rollback(1) and s.status()["depth"] == 0
-    assert (proj / "m.py").read_bytes() == ends.join([b"a = 1", b"b = 2", b"c = 3", b""])
+    assert (proj / "m.py").read_bytes() == (changed if keep else b"a = 1\nb = 2\nc = 3\n")
 
 
-@pytest.mark.parametrize("target, was, edited, changed", [
-    ("m.py", "file", "src/n.py", "m.py"), ("src", "directory", "m.py", "src/n.py")])
-def test_a_delete_is_one_step_undone_and_redone_until_the_files_change(proj, s, target, was, edited, changed):
+
+DANGLING = [{"symbol": "src/n.py::helper", "callers": ["app.py::main"], "caller_count": 1}]
+
+
+# The edit of src/n.py, or the delete of src, removes what app.py calls; the other removes nothing called.
+@pytest.mark.parametrize("target, was, edited, changed, dangling", [
+    ("m.py", "file", "src/n.py", "m.py", (DANGLING, None)), ("src", "directory", "m.py", "src/n.py", (None, DANGLING))])
+def test_a_delete_is_one_step_undone_and_redone_until_the_files_change(proj, s, target, was, edited, changed, dangling):
     before = tree_bytes(proj)
-    s.edit(edited, 1, None, "x = 2\n")
+    edit = s.edit(edited, 1, 2, "x = 2\n")
     assert all(s.diff(form)["diff"].startswith(f"--- a/{edited}\n+++ b/{edited}\n") for form in ("unified", "patch"))
     result = s.delete(target)
-    assert (result["deleted"], result["was"], result["step"], s.status()["depth"]) == (target, was, 2, 2)
+    assert (result["deleted"], result["was"], result["step"], edit.get("dangling"), result.get("dangling")) == (
+        target, was, 2, *dangling)
     done = tree_bytes(proj)
-    assert target not in done and s.rollback(2) and tree_bytes(proj) == before
+    assert not (proj / target).exists() and s.status()["depth"] == 2 and s.rollback(2) and tree_bytes(proj) == before
     assert all(e.get("rolled_back") for e in editor.ledger_load(str(proj))) and "2 undone step(s)" in s.redo(3)["error"]
     assert [r["tool"] for r in s.redo(2)["redone"]] == ["edit", "delete"] and tree_bytes(proj) == done
     assert [(e["tool"], e.get("redo_of")) for e in editor.ledger_load(str(proj))] == [
@@ -85,45 +92,18 @@ def test_a_delete_is_one_step_undone_and_redone_until_the_files_change(proj, s, 
     before = tree_bytes(proj)
     assert "no longer as the rollback left it" in s.redo(1)["error"] and tree_bytes(proj) == before
     s.edit("src/n.py", 1, None, "x = 0\n")
-    assert "0 undone step(s)" in s.redo(1)["error"]
-
-
-@pytest.mark.parametrize("call, dangling", [
-    (lambda s: s.edit("lib.py", 1, 2, ""), True),
-    (lambda s: s.edit("lib.py", 5, 6, ""), False),
-    (lambda s: s.delete("lib.py"), True),
-    (lambda s: s.edit("lib.py", 1, 1, "def helper(x, y=0):"), False),
-])
-def test_removing_what_other_files_call_reports_the_callers(proj, call, dangling):
-    (proj / "lib.py").write_text("def helper(x):\n    return x + 1\n\n\ndef unused():\n    return 2\n")
-    (proj / "app.py").write_text("from lib import helper\n\n\ndef main():\n    return helper(3)\n")
-    with closing(Session.open(str(proj))) as s:
-        result = call(s)
-    assert "step" in result and result.get("dangling") == (
-        [{"symbol": "lib.py::helper", "callers": ["app.py::main"], "caller_count": 1}] if dangling else None)
-
-
-BROKEN = "SyntaxError: '(' was never closed (line 2)"
+    assert "0 undone step(s)" in s.redo(1)["error"] and s.delete("gone") == {"error": "gone does not exist"}
 
 
 @pytest.mark.parametrize("before, content, expected", [
-    ("x = (\ny = 1\n", "y = 2", "before"),                # broken before, edit elsewhere
-    ("x = 1\ny = 1\n", "y = (", BROKEN),
-    ("\ufeffx = 1\ny = 1\n", "y = 2", "ok"),             # a BOM is no breakage
-    ("\ufeffx = 1\ny = 1\n", "y = (", BROKEN),
+    ("x = (\ny = 1\n", "y = 2", ("ok", "SyntaxError: '(' was never closed (line 1)")),  # broken before, edit elsewhere
+    ("\ufeffx = 1\ny = 1\n", "y = 2", ("ok", None)),  # a BOM is no breakage
+    ("\ufeffx = 1\ny = 1\n", "y = (", ("SyntaxError: '(' was never closed (line 2)", None)),
 ])
-def test_syntax_blames_the_edit_only_for_its_own_breakage(tmp_path, before, content, expected):
-    (path := tmp_path / "m.py").write_text(before, encoding="utf-8")
-    receipt = editor.apply_block(str(tmp_path), str(path), 2, None, content)
-    assert receipt["syntax"] != "ok"  # what the module alone says
-    result = syntax.honest(receipt["syntax"], str(path), lambda: before)
-    assert result == ({"syntax": "ok", "syntax_before": receipt["syntax"]} if expected == "before" else {"syntax": expected})
-
-
-def test_paths_under_the_root_become_relative(tmp_path):
-    found = patch.relative({"error": f"{tmp_path}/src/a.py does not exist", "list": [f"{tmp_path}/b"], "n": 3}, str(tmp_path))
-    assert found == {"error": "src/a.py does not exist", "list": ["b"], "n": 3}
-    assert git_hunks.exact(["@@ -1,1 +1,1 @@", "-a", "+A"], "a\nb\nc\nd\n", "A\nb\nc\nD\n") is None  # a missed change
+def test_syntax_blames_the_edit_only_for_its_own_breakage(proj, s, before, content, expected):
+    (proj / "m.py").write_text(before, encoding="utf-8")
+    result = s.edit("m.py", 2, None, content)
+    assert (result["syntax"], result.get("syntax_before")) == expected
 
 
 @pytest.mark.skipif(shutil.which("git") is None, reason="git is not installed")
@@ -137,15 +117,14 @@ def test_paths_under_the_root_become_relative(tmp_path):
     (b"a\fb\r\nc\xe2\x80\xa8d\r\ne\r\n", [(2, "B\n"), (4, "D\n")]),          # breaks git does not split at
 ])
 def test_the_patch_is_what_git_applies_byte_for_byte(proj, s, tmp_path, data, edits):
-    (proj / "old").mkdir()
     (proj / "f.txt").write_bytes(data)
-    (proj / "old" / "gone.txt").write_bytes(data)
+    (proj / "gone.txt").write_bytes(data)
     shutil.copytree(proj, copy := tmp_path / "copy")
     for line, content in edits:
         assert "error" not in s.edit("f.txt", line, None, content)
-    assert "error" not in s.delete("old/gone.txt") and "error" not in s.create("new/made.txt", "fresh\n")
+    assert "error" not in s.delete("gone.txt") and "error" not in s.create("new/made.txt", "fresh\n")
     result = s.diff("patch")
     assert "notes" not in result and "--- /dev/null\n+++ b/new/made.txt" in result["diff"]
     subprocess.run(["git", "init", "-q", str(copy)], check=True)
     subprocess.run(["git", "apply", "-"], input=result["diff"].encode(), cwd=copy, check=True)
-    assert tree_bytes(copy, dirs=False) == tree_bytes(proj, dirs=False)
+    assert tree_bytes(copy) == tree_bytes(proj)
