@@ -95,11 +95,30 @@ def test_random_plain_values_answer_or_raise_as_the_plain_comparison_does(before
     assert outcome(editor.static_diff, before, after, cap) == outcome(reference, before, after, cap)
 
 
-# Bad definition tables raise what the plain expressions raise (records[-1].get, names.items,
-# scope.endswith, the id's f-string) whichever way the tables are compared.
+class Triples(dict):
+    """A definition table of its own, read through its items(): triples here, lists below."""
+    shape = staticmethod(lambda pair: (*pair, 0))
+
+    def items(self):
+        return [self.shape(pair) for pair in dict.items(self)]
+
+
+class Lists(Triples):
+    shape = list
+
+
+# Bad definition tables raise what the plain expressions raise (defs.items, records[-1].get,
+# names.items, scope.endswith, the id's f-string, unpacking) whichever way the tables are compared.
 @pytest.mark.parametrize("defs, error", [
+    (None, AttributeError), ([1], AttributeError), (Triples({"a::<module>": {}}), ValueError),
     ({"a.py::<module>": {"X": ["not a record"]}}, AttributeError), ({"a.py::<module>": ["X"]}, AttributeError),
     ({7: {"X": [{}]}}, AttributeError), ({b"a::<module>": {"X": [{}]}}, TypeError)])
 def test_bad_definition_tables_raise_as_the_plain_expressions_do(defs, error):
     with pytest.raises(error):
         editor.static_diff({"defs": defs}, {})
+
+
+def test_a_table_of_its_own_is_read_through_its_items():
+    after = {"defs": {"a.py::<module>": {"X": [{"rhs": "2"}]}}}
+    before = {"defs": Lists({"a.py::<module>": {"X": [{"rhs": "1"}]}})}
+    assert editor.static_diff(before, after) == {"values_changed": ["a.py::X: '1' -> '2'"]}

@@ -136,8 +136,11 @@ public:
 
     std::optional<std::vector<Difference>> run(PyObject* defs_before, PyObject* defs_after) {
         // Every lookup here goes into a dict whose keys are all exact strs (checked before it),
-        // so no host __eq__ or __hash__ can run and change what is being iterated.
-        if (!keys_are(defs_before, exact_str) || !keys_are(defs_after, exact_str)) {
+        // so no host __eq__ or __hash__ can run and change what is being iterated. A table that
+        // is not an exact dict (None, a list, a subclass with its own items()) is read, or
+        // refused, by the host's own expressions.
+        if (!PyDict_CheckExact(defs_before) || !PyDict_CheckExact(defs_after) ||
+            !keys_are(defs_before, exact_str) || !keys_are(defs_after, exact_str)) {
             return std::nullopt;
         }
         Py_ssize_t position = 0;
