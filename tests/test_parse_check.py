@@ -5,6 +5,7 @@ import pytest
 
 import editor
 import helpers
+pytestmark = pytest.mark.leaks
 
 MISSING, UNEXPECTED = "missing bracket/token", "unexpected syntax"
 

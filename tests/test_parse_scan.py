@@ -47,6 +47,7 @@ def test_the_walk_keeps_its_own_bounded_stack():
     assert editor._treesitter_error("python", "x = (") == (1, UNEXPECTED)
 
 
+@pytest.mark.leaks
 @pytest.mark.parametrize(("language", "text", "first", "counts", "sample"), [
         ("c", "int main(void) {\n  return 0;\n", (2, MISSING), {MISSING: 1}, {MISSING: 2}),
         # An ERROR node holding a missing node is one unexpected-syntax error.
@@ -75,10 +76,11 @@ def broken_pack(exc):
     return SimpleNamespace(get_parser=get_parser)
 
 
+@pytest.mark.leaks
 @pytest.mark.parametrize(("language", "text", "pack"), [
         ("no-such-grammar", "x", ...), ("c", "int \ud800;", ...), (42, "x", ...), ("c", b"int x = ;", ...),
         # The package is imported at every call, so replacing it after a first use takes effect.
-        ("c", "int x = ;", None), ("c", "int x = ;", broken_pack(RuntimeError("no parser"))),
+        ("c", "int x = ;", None), ("c", "int x = ;", broken_pack(RuntimeError)),
         ("c", "int x = ;", SimpleNamespace())])
 def test_what_cannot_be_judged_reports_nothing_but_interrupts_propagate(monkeypatch, language, text, pack):
     if pack is not ...:
