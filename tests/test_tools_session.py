@@ -82,7 +82,8 @@ def test_a_delete_is_one_step_undone_and_redone_until_the_files_change(proj, s, 
     assert (result["deleted"], result["was"], result["step"], edit.get("dangling"), result.get("dangling")) == (
         target, was, 2, *dangling)
     done = tree_bytes(proj)
-    assert not (proj / target).exists() and s.status()["depth"] == 2 and s.rollback(2) and tree_bytes(proj) == before
+    assert all(f"--- a/{changed}\n" in s.diff(form)["diff"] for form in ("unified", "patch"))
+    assert changed in s.status()["touched"] and not (proj / target).exists() and s.status()["depth"] == 2 and s.rollback(2) and tree_bytes(proj) == before
     assert all(e.get("rolled_back") for e in editor.ledger_load(str(proj))) and "2 undone step(s)" in s.redo(3)["error"]
     assert [r["tool"] for r in s.redo(2)["redone"]] == ["edit", "delete"] and tree_bytes(proj) == done
     assert [(e["tool"], e.get("redo_of")) for e in editor.ledger_load(str(proj))] == [

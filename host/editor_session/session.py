@@ -41,6 +41,14 @@ def describe(exc: BaseException, rel: str) -> str:
     return f"{rel}: {type(exc).__name__}: {text}"
 
 
+def _as_text(data: bytes | None) -> str | None:
+    """A file's first-touch text, line ends made "\\n"; None when it is not UTF-8 text."""
+    try:
+        return (data or b"").decode("utf-8").replace("\r\n", "\n").replace("\r", "\n")
+    except UnicodeDecodeError:
+        return None
+
+
 def _dangling(before: dict, after: dict) -> dict:
     found = dangling.dangling(before, after)
     return {"dangling": found} if found else {}
@@ -264,8 +272,15 @@ class Session:
             self.store.add_touched(step["rel"], text_hash)
 
     def _record_deletion(self, step: dict, receipt: dict, ledger_n: int) -> None:
+        store, image = self.store, step["image"]
         if step["text_hash"] is not None:
-            self.store.add_touched(step["rel"], bytes.fromhex(step["text_hash"]))
+            store.add_touched(step["rel"], bytes.fromhex(step["text_hash"]))
+        elif image is not None and image["kind"] == "directory":
+            # Each text file of a deleted tree counts as touched, so diff, patch and status show it gone.
+            for sub, blob in image["files"].items():
+                text = _as_text(store.get_blob(bytes.fromhex(blob)))
+                if text is not None:
+                    store.add_touched(os.path.join(step["rel"], sub), store.put_blob(text.encode("utf-8")))
         self.store.add_step("delete", step["rel"], step["ts"], None, step["raw_id"], ledger_n,
                             {**receipt, IMAGE: step["image"]})
 
@@ -410,14 +425,8 @@ class Session:
             return target
         rel = self._rel(target)
         is_file = os.path.isfile(target) and not os.path.islink(target)
-        first_touch: str | None = None
-        pre = None
-        if is_file:
-            pre = journal.read_bytes(target)
-            try:
-                first_touch = pre.decode("utf-8").replace("\r\n", "\n").replace("\r", "\n") if pre else ""
-            except UnicodeDecodeError:
-                first_touch = None  # not text: nothing to diff against later
+        pre = journal.read_bytes(target) if is_file else None
+        first_touch = _as_text(pre) if is_file else None
         ledger_steps = self._prepare_ledger()
         with store.conn:
             text_hash = None if first_touch is None else store.put_blob(first_touch.encode("utf-8"))
@@ -629,15 +638,25 @@ class Session:
         texts = {}
         for path, text in self._touched_texts().items():
             if text is not None:
-                tool, receipt = self.store.first_step(self._rel(path))
-                kept = json.loads(receipt)
-                image = kept.get(IMAGE)
-                raw = (self.store.get_blob(bytes.fromhex(image["blob"])) if tool == "delete" and image
-                       and image["kind"] == "file"
-                       else lineends.encoded(text, kept.get(LINE_ENDS)))
-                text = raw.decode("utf-8")
+                text = self._first_touch_bytes(self._rel(path), text).decode("utf-8")
             texts[path] = text
         return texts
+
+    def _first_touch_bytes(self, rel: str, text: str) -> bytes:
+        """The bytes behind a touched text: from its first step, or, for a file first touched by
+        the deletion of a tree around it, from that tree's image."""
+        store, inside = self.store, rel
+        while (first := store.first_step(inside)) is None and inside:
+            inside = os.path.dirname(inside)
+        if first is None:  # no step names it or a folder around it: the text as the store keeps it
+            return text.encode("utf-8")
+        tool, receipt = first
+        kept = json.loads(receipt)
+        image = kept.get(IMAGE)
+        if tool == "delete" and image and image["kind"] != "link":
+            blob = image["blob"] if image["kind"] == "file" else image["files"][os.path.relpath(rel, inside)]
+            return store.get_blob(bytes.fromhex(blob))
+        return lineends.encoded(text, kept.get(LINE_ENDS))
 
     def _check(self, progress: gate.Progress | None, cancel: gate.Cancel) -> dict:
         store = self.store
