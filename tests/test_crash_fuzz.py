@@ -215,7 +215,9 @@ def test_random_calls_never_kill_the_interpreter(tmp_path, seed):
                EDITOR_STATE_HOME=str(sandbox / "state"), PYTHONHASHSEED="0", PYTHONPATH=":".join(sys.path))
     env.pop("XDG_STATE_HOME", None)
     command = [sys.executable, __file__, str(sandbox), str(seed), str(CALLS), str(log)]
-    run = subprocess.run(command, env=env, capture_output=True, text=True, errors="replace")
+    # The watchdog ends a hung call; the time-out, a child stuck between calls (generous for the sanitizers).
+    run = subprocess.run(command, env=env, capture_output=True, text=True, errors="replace",
+                         timeout=300 + CALLS)
     status, lines = run.returncode, log.read_text(errors="replace").splitlines() if log.exists() else []
     replay = (f"status {status} (negative: killed by that signal); last call started: {lines[-1:]}\n"
               f"replay: EDITOR_FUZZ_SEEDS={seed} EDITOR_FUZZ_CALLS={CALLS} python -m pytest "
