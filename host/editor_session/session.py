@@ -281,8 +281,7 @@ class Session:
                 text = _as_text(store.get_blob(bytes.fromhex(blob)))
                 if text is not None:
                     store.add_touched(os.path.join(step["rel"], sub), store.put_blob(text.encode("utf-8")))
-        self.store.add_step("delete", step["rel"], step["ts"], None, step["raw_id"], ledger_n,
-                            {**receipt, IMAGE: step["image"]})
+        store.add_step("delete", step["rel"], step["ts"], None, step["raw_id"], ledger_n, {**receipt, IMAGE: image})
 
     # --- writes ------------------------------------------------------------------------
 
@@ -648,15 +647,15 @@ class Session:
         store, inside = self.store, rel
         while (first := store.first_step(inside)) is None and inside:
             inside = os.path.dirname(inside)
-        if first is None:  # no step names it or a folder around it: the text as the store keeps it
-            return text.encode("utf-8")
-        tool, receipt = first
+        tool, receipt = first if first is not None else ("", "{}")
         kept = json.loads(receipt)
-        image = kept.get(IMAGE)
-        if tool == "delete" and image and image["kind"] != "link":
-            blob = image["blob"] if image["kind"] == "file" else image["files"][os.path.relpath(rel, inside)]
+        image = kept.get(IMAGE) if tool == "delete" else None
+        if image and image["kind"] == "file" and inside == rel:
+            return store.get_blob(bytes.fromhex(image["blob"]))
+        if image and image["kind"] == "directory" and (blob := image["files"].get(os.path.relpath(rel, inside))):
             return store.get_blob(bytes.fromhex(blob))
-        return lineends.encoded(text, kept.get(LINE_ENDS))
+        # Its own step records its line ends; a file no step or image holds keeps the stored text.
+        return lineends.encoded(text, kept.get(LINE_ENDS)) if inside == rel else text.encode("utf-8")
 
     def _check(self, progress: gate.Progress | None, cancel: gate.Cancel) -> dict:
         store = self.store
