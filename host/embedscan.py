@@ -286,7 +286,13 @@ def _scan_template(text, pos, quote, raw):
             elif char == "\n" and len(frame[1]) == 1:
                 return None
             elif text.startswith(frame[1], pos):
-                return None  # the template closes inside a field: the compiler's error
+                # The template's own quote ends it inside a field, as the tokenizer reads it (the
+                # unclosed field is the compiler's error to report).
+                while stack.pop()[0] != "text":
+                    pass
+                pos += len(frame[1])
+                if not stack:
+                    return pos, "".join(pieces)
             else:
                 pos += 1
     return None
