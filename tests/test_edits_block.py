@@ -32,6 +32,8 @@ def outcome(call, *args):  # the call's result, or the class of what it raised
         # A final "\n" closes the anchor's last line: it addresses the lines its text covers.
         (ABC, (None, None, "X"), {"anchor": "c\n"}, "a\nb\nX\n", ["c"], 3),
         ("a\r\nb\r\nc", (2, None, "X"), {}, "a\nX\nc", ["b"], 2),
+        # A NEL that ends the text ends its line.
+        ("a\x85", (1, None, "X"), {"mode": "insert_after"}, "a\x85X\n", [], 1),
     ],
 )
 def test_edit_and_receipt(project, checker, before, args, kwargs, after, replaced, at):
